@@ -1,0 +1,3 @@
+#include "platform/feature_state.h"
+
+int FeatureState_Init() { return 0; }

@@ -1,0 +1,7 @@
+#include "worker/worker.h"
+
+namespace bootstrand {
+
+void Worker::LimitWorkers(int) {}
+
+}  // namespace bootstrand

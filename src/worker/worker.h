@@ -1,0 +1,84 @@
+// The worker pool: forked worker processes that run plugin activations for the
+// scheduler. Each Worker is one process seen from one side of its two pipes, which
+// carry fixed 16-byte records. Workers are spawned lazily up to workerLimit, reused
+// for many plugins, and found dead only when their response pipe says so. Passive:
+// the scheduler hands plugins over with ActivatePlugin and collects results with
+// PluginResults once per pass.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "plugin/activate_flags.h"
+
+namespace bootstrand {
+
+class Plugin;
+
+// Scheduler to worker: the plugin's address (valid in the worker, which is a fork of
+// the scheduler made after loading) and a copy of the flags.
+struct WorkerRequest {
+  Plugin* plugin;
+  ActivateFlags flags;
+  std::uint32_t reserved;
+};
+
+// Worker to scheduler: the plugin's address from the request and 0 (success) or 1.
+struct WorkerResponse {
+  Plugin* plugin;
+  std::int32_t status;
+  std::uint32_t reserved;
+};
+
+static_assert(sizeof(WorkerRequest) == 16 && offsetof(WorkerRequest, flags) == 8);
+static_assert(sizeof(WorkerResponse) == 16 && offsetof(WorkerResponse, status) == 8);
+
+using PluginResult = std::pair<Plugin*, std::int32_t>;
+
+// A worker found gone; carries the plugin it held (or none) and the status to report.
+class WorkerException : public std::exception {
+ public:
+  WorkerException(Plugin* plugin, std::int32_t status) : plugin(plugin), status(status) {}
+  Plugin* plugin;
+  std::int32_t status;
+};
+
+class Worker {
+ public:
+  // Creates the pipes and forks the worker process; in the scheduler the new worker
+  // is appended to the pool. Throws Exception on a pipe or fork failure.
+  explicit Worker(bool dryRun);
+  ~Worker();
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  static void LimitWorkers(int n);
+  static bool ActivatePlugin(Plugin* plugin, ActivateFlags flags);
+  static std::vector<PluginResult> PluginResults();
+  static bool Spawn(bool dryRun);
+
+  bool Assign(Plugin* plugin, ActivateFlags flags);
+  PluginResult Result();
+
+  // Closes every request pipe, reaps the workers and forgets queued results, the
+  // limit and the timing profile, so that tests can start again from scratch.
+  static void ResetPool();
+  static std::size_t PoolSize();
+  static std::uint32_t WorkerLimit();
+
+  int requestFd = -1;
+  int responseFd = -1;
+  pid_t pid = -1;
+  Plugin* plugin = nullptr;
+
+ private:
+  [[noreturn]] void RunWorkerLoop(bool dryRun);
+};
+
+}  // namespace bootstrand
