@@ -1,10 +1,105 @@
+// Plugin discovery and loading: lists the plugin files (every regular file of the
+// two plugin directories, or the files named on the command line), orders them, and
+// constructs one plugin per file. A bad file is reported and left out.
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <exception>
+#include <iostream>
+#include <random>
+
+#include "log/channels.h"
+#include "platform/host_path.h"
+#include "plugin/end_autoconf.h"
+#include "plugin/exception.h"
 #include "plugin/plugin.h"
 
 namespace bootstrand {
 
-void Plugin::LoadPlugins(const std::unordered_set<std::string>&, std::uint32_t) {}
-void Plugin::LoadBuiltins() {}
-void Plugin::LoadPlugin(const std::string&) {}
-void Plugin::LoadJsonPlugin(const std::string&) {}
+namespace {
+
+const char* const kPluginDirectories[] = {"/usr/libexec/bootstrand/plugins", "/usr/libexec/bootstrand/plugins2"};
+
+bool EndsWith(const std::string& text, const std::string& suffix) {
+  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+void ListDirectory(const char* directory, std::vector<std::string>& paths) {
+  DIR* listing = opendir(HostPath(directory).c_str());
+  if (listing == nullptr) return;
+  while (const dirent* entry = readdir(listing)) {
+    // The entry type as the directory reports it: links and unknown types are left out.
+    if (entry->d_type != DT_REG || entry->d_name[0] == '.') continue;
+    paths.push_back(std::string(directory) + "/" + entry->d_name);
+  }
+  closedir(listing);
+}
+
+std::vector<std::string> ListPlugins(const std::unordered_set<std::string>& names) {
+  std::vector<std::string> paths;
+  if (names.empty()) {
+    for (const char* directory : kPluginDirectories) ListDirectory(directory, paths);
+    return paths;
+  }
+  for (const std::string& name : names) {
+    if (name.front() == '/') {
+      paths.push_back(name);
+      continue;
+    }
+    bool found = false;
+    for (const char* directory : kPluginDirectories) {
+      std::string path = std::string(directory) + "/" + name;
+      struct stat status {};
+      if (stat(HostPath(path).c_str(), &status) == 0) {
+        paths.push_back(path);
+        found = true;
+        break;
+      }
+    }
+    if (!found) throw Exception("Cannot find plugin '%s'", name.c_str());
+  }
+  return paths;
+}
+
+}  // namespace
+
+void Plugin::LoadPlugins(const std::unordered_set<std::string>& names, std::uint32_t seed) {
+  if (names.empty()) LoadBuiltins();
+  std::vector<std::string> paths;
+  try {
+    paths = ListPlugins(names);
+  } catch (const std::exception& error) {
+    std::cerr << "Failed to list plugins: " << error.what() << std::endl;
+    KernelLog() << "exception occurred whilst listing plugins: " << error.what() << std::endl;
+    return;
+  }
+  std::sort(paths.begin(), paths.end());
+  if (seed != 0) {
+    KernelLog() << "Bootstrand is randomizing iteration order using seed: " << seed << std::endl;
+    std::minstd_rand engine(seed);  // seeded modulo 2^31-1, a zero state replaced by 1
+    std::shuffle(paths.begin(), paths.end(), engine);
+  }
+  for (const std::string& path : paths) {
+    try {
+      LoadPlugin(path);
+    } catch (const std::exception& error) {
+      std::cerr << "Skipping " << path << ": " << error.what() << std::endl;
+      KernelLog() << "exception occurred whilst loading plugin " << path << ": " << error.what() << std::endl;
+    }
+  }
+}
+
+void Plugin::LoadBuiltins() { new EndAutoConf(); }
+
+void Plugin::LoadPlugin(const std::string& path) {
+  if (path.size() > 2 && EndsWith(path, ".so")) {
+    LoadNativePlugin(path);
+  } else if (path.size() > 4 && EndsWith(path, ".json")) {
+    LoadJsonPlugin(path);
+  } else {
+    throw Exception("unknown type");
+  }
+}
 
 }  // namespace bootstrand

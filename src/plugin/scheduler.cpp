@@ -1,9 +1,18 @@
+// The activation scheduler: walks the plugin list in passes, hands every plugin
+// that is no longer pending to the worker layer, and after each full pass reports the
+// results that came back and drops those plugins from the list.
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <iostream>
 
+#include "log/channels.h"
+#include "main/startup.h"
+#include "platform/feature_state.h"
 #include "platform/host_path.h"
 #include "plugin/plugin.h"
+#include "worker/worker.h"
 
 namespace bootstrand {
 
@@ -16,7 +25,100 @@ bool HostFileExists(const char* path) {
 
 }  // namespace
 
-void Plugin::ActivatePlugins(ActivateFlags&) {}
+void Plugin::ActivatePlugins(ActivateFlags& flags) {
+  FeatureState_Init();
+  ProgressLog() << "Activating Bootstrand Plugins: " << std::endl;
+  int inFlight = 0;
+  while (!plugins.empty()) {
+    // The list does not change during a pass: results are handled only after it.
+    for (Plugin* plugin : plugins) {
+      if (HostFileExists("/etc/tessary/hostprofile.xml") || HostFileExists("/etc/tessary/hostprofile.xml.gz")) {
+        flags |= ActivateFlag::HostProfilePresent;
+      }
+      if (ActivatePlugin(plugin, flags)) ++inFlight;
+    }
+    if (inFlight == 0) {
+      AlertLog() << "Bootstrand has unmet dependencies!" << std::endl;
+      CheckCycles();
+      // Nothing can ever start again. Stop here, without the exit-time work of a
+      // normal run (no timing summary); the idle workers see their request pipes
+      // close and end by themselves.
+      std::cout.flush();
+      std::cerr.flush();
+      std::fflush(nullptr);
+      _exit(kUnmetDependenciesStatus);
+    }
+    StatusLog() << '\r';
+    for (const Plugin* plugin : plugins) {
+      if (plugin->active) StatusLog() << "activating: " << plugin->name << '\n';
+    }
+    StatusLog().flush();
+    for (const PluginResult& result : Worker::PluginResults()) {
+      result.first->Finish(result.second, flags);
+      --inFlight;
+      plugins.Remove(result.first);
+    }
+  }
+  StatusLog() << '\r';
+  StatusLog().flush();
+  ProgressLog() << "All bootstrand plugins activated" << std::endl;
+}
+
+bool Plugin::ActivatePlugin(Plugin* plugin, ActivateFlags& flags) {
+  if (plugin->Pending()) return false;
+  if (!(flags & ActivateFlag::Interactive)) {
+    bool accepted = Worker::ActivatePlugin(plugin, flags);
+    flags &= ~ActivateFlag::Skip;
+    return accepted;
+  }
+  if (!Pending(interactiveTags)) {
+    flags &= ~ActivateFlag::Interactive;
+    flags |= DebugAction(plugin->name);
+  }
+  bool accepted = Worker::ActivatePlugin(plugin, flags);
+  // Ask again when the plugin is tried in a later pass.
+  if (!accepted) flags |= ActivateFlag::Interactive;
+  flags &= ~ActivateFlag::Skip;
+  return accepted;
+}
+
+void Plugin::Finish(int status, ActivateFlags& flags) {
+  if (skip) {
+    KernelLog() << "Bootstrand plugin " << name << " skipped." << std::endl;
+  } else if (status == 0) {
+    KernelLog() << "Bootstrand plugin " << name << " activated." << std::endl;
+    PreemptProviders();
+    UpdateHostProfileBarrier(flags);
+  } else if (preemptive) {
+    if (IsPreemptivePluginsDisabled(flags)) {
+      KernelLog() << "Bootstrand plugin " << name << " opportunistic skipped." << std::endl;
+    } else {
+      KernelLog() << "Bootstrand plugin " << name << " opportunistic activation failed." << std::endl;
+    }
+  } else {
+    AlertLog() << "Bootstrand plugin " << name << " activation failed." << std::endl;
+  }
+}
+
+void Plugin::PreemptProviders() {
+  if (!preemptive) return;
+  for (const std::string& tag : provides) {
+    auto entries = providers.find(tag);
+    if (entries == providers.end()) continue;
+    // Most recently registered first.
+    for (auto each = entries->second.rbegin(); each != entries->second.rend(); ++each) {
+      Plugin* rival = *each;
+      if (rival == this) continue;
+      KernelLog() << "Bootstrand plugin " << rival->name << " skipped." << std::endl;
+      plugins.Remove(rival);
+    }
+    providers.erase(entries);
+  }
+}
+
+void Plugin::UpdateHostProfileBarrier(ActivateFlags& flags) {
+  if (name == "restore-configuration" && IsStatelessAutodeploy()) flags ^= ActivateFlag::HostProfileBarrier;
+}
 
 bool Plugin::ApplyHostProfiles(ActivateFlags& flags, bool wanted) {
   if (!wanted) return false;
