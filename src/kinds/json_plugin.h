@@ -17,7 +17,9 @@ namespace bootstrand {
 // A plugin file that does not fit the schema; the message names the faulty field.
 class JsonException : public Exception {
  public:
-  using Exception::Exception;
+  // A C variadic constructor cannot be inherited, so the arguments are forwarded.
+  template <typename... Arguments>
+  explicit JsonException(const char* format, Arguments... arguments) : Exception(format, arguments...) {}
 };
 
 class JsonPlugin : public Plugin {

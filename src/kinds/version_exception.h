@@ -7,7 +7,9 @@ namespace bootstrand {
 
 class VersionException : public Exception {
  public:
-  using Exception::Exception;
+  // A C variadic constructor cannot be inherited, so the arguments are forwarded.
+  template <typename... Arguments>
+  explicit VersionException(const char* format, Arguments... arguments) : Exception(format, arguments...) {}
 };
 
 }  // namespace bootstrand
