@@ -1,1 +1,194 @@
 #include "support/host_root.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace bootstrand::testing {
+
+namespace {
+
+const std::map<std::string, std::string> kChannelNodes = {
+    {"status", "system.progressTerm.statusText"},
+    {"alert", "system.sysAlert"},
+    {"progress", "system.progressTerm.progressText"},
+    {"kernel", "system.log"},
+};
+
+std::string Unescape(const std::string& record) {
+  std::string text;
+  for (std::size_t i = 0; i < record.size(); ++i) {
+    if (record[i] == '\\' && i + 1 < record.size()) {
+      text += record[i + 1] == 'n' ? '\n' : record[i + 1];
+      ++i;
+    } else {
+      text += record[i];
+    }
+  }
+  return text;
+}
+
+}  // namespace
+
+HostRoot::HostRoot() {
+  char pattern[] = "/tmp/bootstrand-root-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
+  root_ = pattern;
+  for (const char* directory : {"/var/log", "/usr/libexec/bootstrand/plugins", "/usr/lib/tessary/cormcli"}) {
+    std::filesystem::create_directories(Path(directory));
+  }
+}
+
+HostRoot::~HostRoot() {
+  std::error_code ignored;
+  std::filesystem::remove_all(root_, ignored);
+}
+
+void HostRoot::WriteFile(const std::string& hostPath, const std::string& contents, mode_t mode) const {
+  std::string path = Path(hostPath);
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  {
+    std::ofstream file(path, std::ios::trunc);
+    file << contents;
+  }
+  chmod(path.c_str(), mode);
+}
+
+std::string HostRoot::ReadFile(const std::string& hostPath) const {
+  std::ifstream file(Path(hostPath));
+  std::stringstream contents;
+  contents << file.rdbuf();
+  return contents.str();
+}
+
+bool HostRoot::Exists(const std::string& hostPath) const { return access(Path(hostPath).c_str(), F_OK) == 0; }
+
+std::vector<std::string> HostRoot::Lines(const std::string& hostPath) const {
+  std::vector<std::string> lines;
+  std::ifstream file(Path(hostPath));
+  for (std::string line; std::getline(file, line);) lines.push_back(line);
+  return lines;
+}
+
+void HostRoot::WritePlugin(const std::string& fileName, const nlohmann::json& plugin, int directory) const {
+  std::string folder = directory == 1 ? "/usr/libexec/bootstrand/plugins/" : "/usr/libexec/bootstrand/plugins2/";
+  WriteFile(folder + fileName, plugin.dump(2));
+}
+
+void HostRoot::WriteCommand(const std::string& commandPath, const std::string& script) const {
+  std::string relative = commandPath;
+  std::replace(relative.begin(), relative.end(), ' ', '/');
+  WriteFile("/usr/lib/tessary/cormcli/" + relative, "#!/bin/sh\n" + script + "\n", 0755);
+}
+
+std::vector<std::string> HostRoot::Channel(const std::string& channel) const {
+  std::vector<std::string> messages;
+  for (const std::string& record : Lines("/var/run/trove/" + kChannelNodes.at(channel) + ".log")) {
+    messages.push_back(Unescape(record));
+  }
+  return messages;
+}
+
+nlohmann::json JsonPlugin(const std::vector<std::string>& provides, const std::vector<std::string>& requires_,
+                          const std::vector<std::string>& start, const nlohmann::json& extraMetadata) {
+  nlohmann::json metadata = {{"provides", provides}, {"requires", requires_}, {"version", 1}};
+  if (extraMetadata.is_object()) metadata.update(extraMetadata);
+  return {{"metadata", metadata}, {"operations", {{"start", start}}}};
+}
+
+RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& arguments,
+                        const std::map<std::string, std::string>& environment, int timeoutSeconds) {
+  std::map<std::string, std::string> variables = {{"BOOTSTRAND_MAIN_MEMORY", "17179869184"}};
+  for (char** each = environ; *each != nullptr; ++each) {
+    std::string entry(*each);
+    std::size_t equals = entry.find('=');
+    if (equals != std::string::npos && entry.rfind("BOOTSTRAND_", 0) != 0) {
+      variables[entry.substr(0, equals)] = entry.substr(equals + 1);
+    }
+  }
+  variables["BOOTSTRAND_ROOT"] = root.Root();
+  for (const auto& [name, value] : environment) variables[name] = value;
+  std::vector<std::string> entries;
+  for (const auto& [name, value] : variables) entries.push_back(name + "=" + value);
+
+  std::vector<char*> argv = {const_cast<char*>(BOOTSTRAND_BINARY)};
+  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (std::string& entry : entries) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+
+  int out[2];
+  int err[2];
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  pid_t child = fork();
+  if (child == 0) {
+    int null = open("/dev/null", O_RDONLY);
+    dup2(null, STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    dup2(err[1], STDERR_FILENO);
+    setpgid(0, 0);
+    execve(argv[0], argv.data(), envp.data());
+    _exit(127);
+  }
+  close(out[1]);
+  close(err[1]);
+
+  RunResult result;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+  pollfd entries2[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+  int open = 2;
+  while (open > 0) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      result.timedOut = true;
+      kill(-child, SIGKILL);
+      break;
+    }
+    int ready = poll(entries2, 2, static_cast<int>(left.count()));
+    if (ready < 0 && errno == EINTR) continue;
+    for (pollfd& entry : entries2) {
+      if (entry.fd < 0 || entry.revents == 0) continue;
+      char buffer[4096];
+      ssize_t count = read(entry.fd, buffer, sizeof buffer);
+      if (count <= 0) {
+        close(entry.fd);
+        entry.fd = -1;
+        --open;
+      } else {
+        (entry.fd == out[0] ? result.out : result.err).append(buffer, static_cast<std::size_t>(count));
+      }
+    }
+  }
+  for (pollfd& entry : entries2) {
+    if (entry.fd >= 0) close(entry.fd);
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFEXITED(status) && !result.timedOut) result.exitStatus = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  return result;
+}
+
+int IndexOf(const std::vector<std::string>& lines, const std::string& needle) {
+  auto found = std::find(lines.begin(), lines.end(), needle);
+  return found == lines.end() ? -1 : static_cast<int>(found - lines.begin());
+}
+
+}  // namespace bootstrand::testing

@@ -1,1 +1,66 @@
+// Test harness for the end-to-end tests: a private host root in a temporary
+// directory, helpers to write plugin files and command executables into it, a runner
+// for the real binary, and readers for the channel sinks and logs.
 #pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace bootstrand::testing {
+
+class HostRoot {
+ public:
+  HostRoot();
+  ~HostRoot();
+  HostRoot(const HostRoot&) = delete;
+  HostRoot& operator=(const HostRoot&) = delete;
+
+  const std::string& Root() const { return root_; }
+  // `hostPath` (absolute on the host) inside this root.
+  std::string Path(const std::string& hostPath) const { return root_ + hostPath; }
+
+  void WriteFile(const std::string& hostPath, const std::string& contents, mode_t mode = 0644) const;
+  std::string ReadFile(const std::string& hostPath) const;
+  bool Exists(const std::string& hostPath) const;
+  // Lines of a file, without their newlines; empty when the file is missing.
+  std::vector<std::string> Lines(const std::string& hostPath) const;
+
+  // Writes a plugin file into the first (or second) plugin directory.
+  void WritePlugin(const std::string& fileName, const nlohmann::json& plugin, int directory = 1) const;
+  // Writes an executable shell script for a command path such as "network up" into
+  // the first command-definition directory.
+  void WriteCommand(const std::string& commandPath, const std::string& script) const;
+
+  // The messages delivered to a channel ("status", "alert", "progress", "kernel").
+  std::vector<std::string> Channel(const std::string& channel) const;
+
+ private:
+  std::string root_;
+};
+
+// A JSON plugin document of API version 1 unless `metadata` says otherwise.
+nlohmann::json JsonPlugin(const std::vector<std::string>& provides, const std::vector<std::string>& requires_,
+                          const std::vector<std::string>& start, const nlohmann::json& extraMetadata = {});
+
+struct RunResult {
+  int exitStatus = -1;  // -1 when the process was killed by a signal or timed out
+  int signal = 0;
+  bool timedOut = false;
+  std::string out;
+  std::string err;
+};
+
+// Runs the bootstrand binary in `root` with `arguments`. The environment gets
+// BOOTSTRAND_ROOT and, unless `environment` says otherwise, 16 GiB of main memory.
+RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& arguments,
+                        const std::map<std::string, std::string>& environment = {}, int timeoutSeconds = 60);
+
+// The index of `needle` in `lines`, or -1.
+int IndexOf(const std::vector<std::string>& lines, const std::string& needle);
+
+}  // namespace bootstrand::testing

@@ -1,0 +1,145 @@
+// The command line and start-up of the real binary: help text, argument errors,
+// queries, --quiet, the memory check and the run-once marker.
+#include <gtest/gtest.h>
+
+#include "support/host_root.h"
+
+namespace bootstrand::testing {
+namespace {
+
+const char* const kHelpText =
+    "--help,-h\tshow this help message\n"
+    "--interactive [tag,...]\n"
+    "\t\tprompts before activating a plugin, allowing\n"
+    "\t\tplugins to be skipped, executed, or to fall to a\n"
+    "\t\ttroubleshooting shell. Tags specify the requirements\n"
+    "\t\tfor interactive mode to function (e.g. 'usb')\n"
+    "--dry\t\tdry run; do not execute anything, but show the operations\n"
+    "\t\tthat would be performed\n"
+    "--disable-preemptive-plugins\n"
+    "\t\tdisable preemptive plugins during activation\n"
+    "--disable <plugin|tag>[,<plugin|tag>]\n"
+    "\t\ta comma separated list of plugins or provide tags to be\n"
+    "\t\tdisabled during execution\n"
+    "--requires [tag]\n"
+    "\t\tlist plugins that require given tag\n"
+    "--provides [tag]\n"
+    "\t\tlist plugins that provide given tag\n"
+    "--quiet\t\tdo not log any ondrik messages\n"
+    "--time-ops\tfor JSON plugins, record times for each cormcli\n"
+    "--max-workers n\tlimit the number of spawned workers\n"
+    "--plugin <plugin>[,...]\n"
+    "\t\tlist of plugins to execute, must be full name (or path)\n"
+    "\t\tof plugin file\n"
+    "--tags\t\tlist all barrier tags\n"
+    "--randomize [seed]\n"
+    "\t\trandomize the activation order of plugins, or specify a\n"
+    "\t\tfixed seed for reproducibility (only useful for testing)\n";
+
+TEST(CommandLine, HelpPrintsTheTableOnStandardErrorAndSucceeds) {
+  HostRoot root;
+  for (const char* option : {"-h", "--help", "--help=yes"}) {
+    RunResult run = RunBootstrand(root, {option, "--bogus"});
+    EXPECT_EQ(run.exitStatus, 0) << option;
+    EXPECT_EQ(run.err, kHelpText) << option;
+    EXPECT_EQ(run.out, "");
+  }
+  EXPECT_TRUE(root.Channel("alert").empty());
+}
+
+TEST(CommandLine, ArgumentErrorsGoToTheAlertChannelWithUsageAndStatusOne) {
+  struct Case {
+    std::vector<std::string> arguments;
+    std::string alert;
+  };
+  const Case cases[] = {
+      {{"--bogus=1"}, "Invalid arg --bogus=1"},
+      {{"dry"}, "Invalid arg dry"},
+      {{"--dry", "--bogus", "-h"}, "Invalid arg --bogus"},
+      {{"--plugin"}, "Missing arg for --plugin"},
+      {{"--dry", "--max-workers"}, "Missing arg for --max-workers"},
+      {{"--randomize", "-7"}, "Invalid arg -7"},
+      {{"--max-workers", "many"}, "Invalid number for --max-workers: many"},
+      {{"--max-workers=99999999999"}, "Invalid number for --max-workers: 99999999999"},
+      {{"--randomize=x7"}, "Invalid number for --randomize: x7"},
+  };
+  for (const Case& each : cases) {
+    HostRoot root;
+    RunResult run = RunBootstrand(root, each.arguments);
+    EXPECT_EQ(run.exitStatus, 1) << each.alert;
+    EXPECT_EQ(root.Channel("alert"), std::vector<std::string>{each.alert});
+    EXPECT_NE(run.err.find(kHelpText), std::string::npos) << each.alert;
+    EXPECT_FALSE(root.Exists("/var/log/sysboot.log"));
+  }
+}
+
+TEST(CommandLine, QuietSilencesEveryChannelButNotTheHelpText) {
+  HostRoot root;
+  RunResult run = RunBootstrand(root, {"--quiet", "--bogus"});
+  EXPECT_EQ(run.exitStatus, 1);
+  EXPECT_EQ(run.err, kHelpText);
+  EXPECT_FALSE(root.Exists("/var/run/trove"));
+
+  RunResult boot = RunBootstrand(root, {"--quiet", "--dry"});
+  EXPECT_EQ(boot.exitStatus, 0);
+  EXPECT_FALSE(root.Exists("/var/run/trove"));
+}
+
+TEST(CommandLine, ValuesAreTakenInlineOrFromTheNextArgument) {
+  HostRoot root;
+  root.WritePlugin("a.json", JsonPlugin({"net"}, {"disk"}, {"a"}));
+  root.WritePlugin("b.json", JsonPlugin({"disk"}, {}, {"b"}));
+  // An optional value stops at an argument starting with '-'; empty arguments are
+  // ignored; queries run in the fixed order requires, provides, tags.
+  RunResult run = RunBootstrand(root, {"--tags", "", "--requires", "--provides=disk", "--dry=yes"});
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_EQ(run.out,
+            "end-autoconf: json plugins,native plugins\n"
+            "a: disk\n"
+            "b:\n"
+            "b: disk,json plugins\n"
+            "disk\n"
+            "net\n");
+  EXPECT_FALSE(root.Exists("/var/log/sysboot.log"));
+}
+
+TEST(CommandLine, MemoryCheckMakesSmallHostsSerial) {
+  struct Case {
+    std::string memory;
+    std::vector<std::string> alert;
+  };
+  const std::string serial =
+      "There is not enough memory for parallel bootstrand. Activating bootstrand plugins serially.";
+  const Case cases[] = {
+      {"5368709120", {serial}},                                    // exactly 5 GiB
+      {"1073741824", {serial}},                                    // 1 GiB
+      {"5369757696", {}},                                          // 5 GiB + 1 MiB
+      {"fail", {"Retrieving system main memory size failed."}},
+  };
+  for (const Case& each : cases) {
+    HostRoot root;
+    RunResult run = RunBootstrand(root, {"--dry"}, {{"BOOTSTRAND_MAIN_MEMORY", each.memory}});
+    EXPECT_EQ(run.exitStatus, 0) << each.memory;
+    EXPECT_EQ(root.Channel("alert"), each.alert) << each.memory;
+  }
+}
+
+TEST(CommandLine, RunOnceMarkerIsEmptiedInEveryMode) {
+  HostRoot root;
+  root.WriteFile("/.runonce", "bootstrand.run-once=stale");
+  RunResult query = RunBootstrand(root, {"--tags"});
+  EXPECT_EQ(query.exitStatus, 0);
+  EXPECT_TRUE(root.Exists("/.runonce"));
+  EXPECT_EQ(root.ReadFile("/.runonce"), "");
+
+  root.WritePlugin("a.json", JsonPlugin({"x"}, {}, {"a"}, {{"run_once", true}, {"plugin_version", "1.0"}}));
+  root.WritePlugin("b.json", JsonPlugin({"y"}, {}, {"b"}, {{"run_once", true}}));
+  root.WritePlugin("c.json", JsonPlugin({"z"}, {}, {"c"}));
+  RunBootstrand(root, {"--tags"});
+  EXPECT_EQ(root.ReadFile("/.runonce"), "bootstrand.run-once=a1.0,b");
+  RunBootstrand(root, {"-h"});
+  EXPECT_EQ(root.ReadFile("/.runonce"), "");
+}
+
+}  // namespace
+}  // namespace bootstrand::testing
