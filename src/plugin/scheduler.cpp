@@ -25,18 +25,71 @@ bool HostFileExists(const char* path) {
 
 }  // namespace
 
+namespace {
+
+void TestHostProfileMarkers(ActivateFlags& flags) {
+  if (HostFileExists("/etc/tessary/hostprofile.xml") || HostFileExists("/etc/tessary/hostprofile.xml.gz")) {
+    flags |= ActivateFlag::HostProfilePresent;
+  }
+}
+
+// One pass as the operator sees it in interactive mode: every listed plugin is
+// visited, because the prompt comes before the worker layer is asked.
+int VisitEveryPlugin(ActivateFlags& flags) {
+  int started = 0;
+  for (Plugin* plugin : Plugin::plugins) {
+    TestHostProfileMarkers(flags);
+    if (Plugin::ActivatePlugin(plugin, flags)) {
+      Plugin::plugins.Dispatched(plugin);
+      ++started;
+    }
+  }
+  return started;
+}
+
+// The same pass without prompting, at the cost of what it dispatches. Visiting a
+// pending plugin has no effect, and neither has visiting one that needs a worker
+// once every worker is busy and no more may be spawned; so only the ready plugins
+// are visited, in list order, and once the pool is saturated only those that are
+// passed over. The host-profile markers are tested before each of these visits,
+// which is what a hand-over copies into its request.
+int VisitReadyPlugins(ActivateFlags& flags) {
+  int started = 0;
+  const PluginList::Ordered& toRun = Plugin::plugins.ReadyToRun();
+  const PluginList::Ordered& toPassOver = Plugin::plugins.ReadyToPassOver();
+  std::uint64_t position = 0;  // the list position reached by this pass
+  for (;;) {
+    bool saturated = Worker::Saturated();
+    auto run = saturated ? toRun.end() : toRun.lower_bound(position);
+    auto over = toPassOver.lower_bound(position);
+    Plugin* plugin;
+    if (over != toPassOver.end() && (run == toRun.end() || over->first < run->first)) {
+      position = over->first + 1;
+      plugin = over->second;
+    } else if (run != toRun.end()) {
+      position = run->first + 1;
+      plugin = run->second;
+    } else {
+      return started;
+    }
+    TestHostProfileMarkers(flags);
+    if (Plugin::ActivatePlugin(plugin, flags)) {
+      Plugin::plugins.Dispatched(plugin);
+      ++started;
+    }
+  }
+}
+
+}  // namespace
+
 void Plugin::ActivatePlugins(ActivateFlags& flags) {
   FeatureState_Init();
   ProgressLog() << "Activating Bootstrand Plugins: " << std::endl;
+  plugins.TrackReadiness();
   int inFlight = 0;
   while (!plugins.empty()) {
     // The list does not change during a pass: results are handled only after it.
-    for (Plugin* plugin : plugins) {
-      if (HostFileExists("/etc/tessary/hostprofile.xml") || HostFileExists("/etc/tessary/hostprofile.xml.gz")) {
-        flags |= ActivateFlag::HostProfilePresent;
-      }
-      if (ActivatePlugin(plugin, flags)) ++inFlight;
-    }
+    inFlight += (flags & ActivateFlag::Interactive) ? VisitEveryPlugin(flags) : VisitReadyPlugins(flags);
     if (inFlight == 0) {
       AlertLog() << "Bootstrand has unmet dependencies!" << std::endl;
       CheckCycles();
@@ -49,9 +102,7 @@ void Plugin::ActivatePlugins(ActivateFlags& flags) {
       _exit(kUnmetDependenciesStatus);
     }
     StatusLog() << '\r';
-    for (const Plugin* plugin : plugins) {
-      if (plugin->active) StatusLog() << "activating: " << plugin->name << '\n';
-    }
+    for (const auto& [position, plugin] : plugins.Active()) StatusLog() << "activating: " << plugin->name << '\n';
     StatusLog().flush();
     for (const PluginResult& result : Worker::PluginResults()) {
       result.first->Finish(result.second, flags);

@@ -55,6 +55,15 @@ std::size_t Worker::PoolSize() { return ThePool().workers.size(); }
 
 std::uint32_t Worker::WorkerLimit() { return ThePool().workerLimit; }
 
+bool Worker::Saturated() {
+  const Pool& pool = ThePool();
+  if (pool.workers.size() < pool.workerLimit) return false;
+  for (const std::unique_ptr<Worker>& worker : pool.workers) {
+    if (worker->plugin == nullptr) return false;
+  }
+  return true;
+}
+
 bool Worker::ActivatePlugin(Plugin* plugin, ActivateFlags flags) {
   Pool& pool = ThePool();
   if (!pool.profile) {

@@ -70,6 +70,9 @@ class Worker {
   // limit and the timing profile, so that tests can start again from scratch.
   static void ResetPool();
   static std::size_t PoolSize();
+  // True when every worker is busy and no other may be spawned: a plugin that is not
+  // passed over cannot be handed over now.
+  static bool Saturated();
   static std::uint32_t WorkerLimit();
 
   int requestFd = -1;

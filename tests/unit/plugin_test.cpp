@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <random>
+#include <set>
 
 #include "plugin/exception.h"
 #include "plugin/plugin.h"
@@ -90,8 +91,22 @@ TEST_F(PluginModel, IndexedPendingMatchesTheDefinitionOnRandomSets) {
         if (random() % 5 == 0) requires_.push_back(tag);
       }
       all.push_back(&Add("p" + std::to_string(i), provides, requires_, random() % 4 == 0));
+      all.back()->noOperations = random() % 5 == 0;
     }
+    Plugin::plugins.TrackReadiness();
     for (int removal = 0; removal < 12; ++removal) {
+      // The tracked ready sets hold exactly the listed plugins that are not pending.
+      std::set<const Plugin*> tracked;
+      for (const auto& [order, plugin] : Plugin::plugins.ReadyToRun()) tracked.insert(plugin);
+      for (const auto& [order, plugin] : Plugin::plugins.ReadyToPassOver()) {
+        EXPECT_TRUE(plugin->noOperations);
+        tracked.insert(plugin);
+      }
+      std::set<const Plugin*> expectedReady;
+      for (const Plugin* plugin : Plugin::plugins) {
+        if (!plugin->Pending()) expectedReady.insert(plugin);
+      }
+      ASSERT_EQ(tracked, expectedReady) << "round " << round;
       for (const TestPlugin* plugin : all) {
         bool expected = false;
         for (const Plugin* other : Plugin::plugins) {
