@@ -1,0 +1,48 @@
+// Runs management commands by command path. The owner registers command-definition
+// directories once, then calls ExecuteCommand for each command; the dispatcher finds
+// the command's executable, runs it and reports its failure in the command output.
+//
+// A command path "network ip set" names the file network/ip/set below a registered
+// directory; the first directory, in registration order, holding an executable
+// regular file of that name wins. Directories are host paths, resolved through
+// bootstrand::HostPath at every lookup; a directory that does not exist is simply
+// passed over, so registering one never fails.
+//
+// The executable runs directly (no shell) with one argument "--name=value" per
+// input parameter, in order. It shares the process's standard input and output (so
+// its output lands wherever the process's standard output goes); its standard error
+// is captured. The command fails when it exits with a non-zero status or is killed;
+// the output's error lines are then its non-empty standard-error lines or, when it
+// wrote none, one line giving the exit status or the signal. After a success its
+// standard error is passed on unchanged to the process's standard error.
+#pragma once
+
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/kitbag/command_io.h"
+
+namespace Kitbag::AutoCli {
+
+class Dispatcher {
+ public:
+  Dispatcher() = default;
+
+  void AddExternalDirectory(const std::string& directory);
+  const std::vector<std::string>& GetExternalDirectories() const { return directories_; }
+
+  // Returns when the command has finished, with `output` filled. Throws
+  // std::invalid_argument for a null handle and std::runtime_error when the command
+  // cannot be started or waited for (pipe or fork failure).
+  void ExecuteCommand(std::shared_ptr<CommandInput> input, std::shared_ptr<CommandOutput> output);
+
+  // The executable for `commandPath`, or "" when no directory holds one.
+  std::string FindCommand(const std::list<std::string>& commandPath) const;
+
+ private:
+  std::vector<std::string> directories_;
+};
+
+}  // namespace Kitbag::AutoCli
