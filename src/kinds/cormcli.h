@@ -4,6 +4,8 @@
 // reported as CormcliException values, never logged here.
 #pragma once
 
+#include <sys/time.h>
+
 #include <exception>
 #include <string>
 #include <vector>
@@ -41,5 +43,9 @@ class Cormcli {
   // Null until the first executor is constructed; never destroyed.
   static Kitbag::AutoCli::Dispatcher* dispatcher;
 };
+
+// The timing record of a command that ran from `start` to `end`:
+// "<seconds>.<microseconds, 6 digits> cormcli <command>\n".
+std::string FormatTiming(const timeval& start, const timeval& end, const std::string& command);
 
 }  // namespace bootstrand
