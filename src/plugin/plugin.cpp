@@ -27,6 +27,15 @@ RunOnceMarker& Marker() {
   return marker;
 }
 
+// Every plugin ever registered. The loaders create plugins on the heap and hand
+// them over; the plugin list forgets them as they finish, this never does, so they
+// stay owned (and reachable) until the process ends. Never destroyed, because
+// plugins may still be named while other static objects are torn down.
+std::vector<Plugin*>& Registered() {
+  static auto* registered = new std::vector<Plugin*>;
+  return *registered;
+}
+
 }  // namespace
 
 void OpenRunOnceMarker() { Marker(); }
@@ -45,6 +54,7 @@ void Plugin::Register() {
     if (disabled.count(tag) != 0) skip = true;
     if (kindTags.count(tag) == 0) providers[tag].push_back(this);
   }
+  Registered().push_back(this);
   plugins.Append(this);
 }
 
