@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/forced_failure.h"
@@ -35,6 +36,21 @@ std::string EscapeRecord(const std::string& text) {
   return record;
 }
 
+// Sink files stay open once opened (append mode, close-on-exec): a boot writes
+// several messages per plugin, and forked workers share the descriptors.
+int SinkDescriptor(const std::string& path) {
+  static auto* open = new std::unordered_map<std::string, bootstrand::UniqueFd>;
+  auto found = open->find(path);
+  if (found != open->end()) return found->second.Get();
+  bootstrand::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+  if (!fd.Valid()) {
+    bootstrand::MakeDirectories(path.substr(0, path.rfind('/')));
+    fd.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+  }
+  if (!fd.Valid()) return -1;
+  return open->emplace(path, std::move(fd)).first->second.Get();
+}
+
 }  // namespace
 
 int Trove_CheckSig(void*, void*, int) { return Forced("CheckSig") ? 1 : 0; }
@@ -56,13 +72,9 @@ int Trove_Set(std::uint32_t node, int, Trove_ParamList* list, int, int) {
   if (path.empty()) return 1;
   std::string records;
   for (const std::string& text : list->strings) records += EscapeRecord(text);
-  bootstrand::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-  if (!fd.Valid()) {
-    bootstrand::MakeDirectories(path.substr(0, path.rfind('/')));
-    fd.Reset(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-  }
+  int fd = SinkDescriptor(path);
   // One write per delivery keeps messages of concurrent processes apart.
-  if (!fd.Valid() || !bootstrand::WriteAll(fd.Get(), records.data(), records.size())) return 1;
+  if (fd < 0 || !bootstrand::WriteAll(fd, records.data(), records.size())) return 1;
   return 0;
 }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,37 +14,11 @@
 
 #include "platform/unique_fd.h"
 
+extern char** environ;
+
 namespace Kitbag::AutoCli {
 
 namespace {
-
-// Between fork and exec only async-signal-safe calls: the strings were built before
-// the fork, and strerror is safe here because the process has one thread.
-[[noreturn]] void ExecChild(int errorFd, const char* executable, char* const* argv) {
-  if (errorFd == STDERR_FILENO) {
-    // dup2 onto itself would leave close-on-exec set.
-    fcntl(errorFd, F_SETFD, 0);
-  } else {
-    dup2(errorFd, STDERR_FILENO);
-  }
-  // Ignored dispositions survive exec, and the scheduler ignores SIGPIPE; a command
-  // must see the defaults. Caught signals are reset by exec anyway.
-  struct sigaction defaultAction {};
-  defaultAction.sa_handler = SIG_DFL;
-  sigemptyset(&defaultAction.sa_mask);
-  for (int signal = 1; signal < NSIG; ++signal) {
-    if (signal != SIGKILL && signal != SIGSTOP) sigaction(signal, &defaultAction, nullptr);
-  }
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-
-  execv(executable, argv);
-  const char* reason = strerror(errno);
-  const char* pieces[] = {"cannot execute ", executable, ": ", reason, "\n"};
-  for (const char* piece : pieces) bootstrand::WriteAll(STDERR_FILENO, piece, strlen(piece));
-  _exit(127);
-}
 
 std::string ReadToEnd(int fd) {
   std::string text;
@@ -78,9 +53,37 @@ CommandProcessResult RunCommandProcess(const std::string& executable, const std:
   std::clog.flush();
   std::fflush(nullptr);
 
-  const pid_t child = fork();
-  if (child < 0) throw std::runtime_error("cannot fork for " + executable + ": " + strerror(errno));
-  if (child == 0) ExecChild(writeEnd.Get(), executable.c_str(), argv.data());
+  // posix_spawn rather than fork: a worker is a copy of the scheduler, and copying
+  // its address space for every command would cost more than the command itself.
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  // dup2 onto standard error also clears close-on-exec there.
+  posix_spawn_file_actions_adddup2(&actions, writeEnd.Get(), STDERR_FILENO);
+  // Ignored dispositions survive exec, and the scheduler ignores SIGPIPE; a command
+  // must see the defaults and no blocked signals.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t all;
+  sigfillset(&all);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  pid_t child = -1;
+  const int error = posix_spawn(&child, executable.c_str(), &actions, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) {
+    if (error == EAGAIN || error == ENOMEM) {
+      throw std::runtime_error("cannot fork for " + executable + ": " + strerror(error));
+    }
+    // The command could not be executed: report it as the command itself would.
+    CommandProcessResult result;
+    result.waitStatus = 127 << 8;
+    result.errorOutput = "cannot execute " + executable + ": " + strerror(error) + "\n";
+    return result;
+  }
 
   // The read below ends only when every write end is closed, ours included.
   writeEnd.Reset();

@@ -1,4 +1,4 @@
-// Runs one command executable to completion for the dispatcher: fork and exec with no
+// Runs one command executable to completion for the dispatcher: spawned with no
 // shell, standard input and output inherited, standard error captured. Blocking: Run
 // returns once the child has exited and been reaped.
 #pragma once
@@ -14,8 +14,8 @@ struct CommandProcessResult {
 };
 
 // Runs `executable` with `arguments` (argv[0] is the executable path). Throws
-// std::runtime_error, with the strerror text, when the pipe or the fork fails. A
-// failed exec is reported by the child itself: "cannot execute <path>: <reason>" on
+// std::runtime_error, with the strerror text, when the pipe or the spawn fails. A
+// failed exec is reported as the child would: "cannot execute <path>: <reason>" on
 // its standard error and exit status 127.
 CommandProcessResult RunCommandProcess(const std::string& executable, const std::vector<std::string>& arguments);
 
