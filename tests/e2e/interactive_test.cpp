@@ -2,41 +2,24 @@
 // first plugin, lets the second run and is asked no more.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cstdlib>
 
 #include "support/host_root.h"
+#include "support/read_until.h"
 
 namespace bootstrand::testing {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// Reads from the terminal until `text` has appeared after `from`; false on timeout or
-// end of output.
-bool ReadUntil(int terminal, std::string& output, const std::string& text, std::size_t from = 0) {
-  auto deadline = Clock::now() + std::chrono::seconds(20);
-  while (output.find(text, from) == std::string::npos) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return false;
-    pollfd entry{terminal, POLLIN, 0};
-    if (poll(&entry, 1, static_cast<int>(left)) <= 0) continue;
-    char buffer[1024];
-    ssize_t count = read(terminal, buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    output.append(buffer, static_cast<std::size_t>(count));
-  }
-  return true;
+// Reads from the terminal until `text` has appeared after `from`.
+bool ReadUntilText(int terminal, std::string& output, const std::string& text, std::size_t from = 0) {
+  ReadUntil(terminal, output, Clock::now() + std::chrono::seconds(20),
+            [&](const std::string& so_far) { return so_far.find(text, from) != std::string::npos; });
+  return output.find(text, from) != std::string::npos;
 }
 
 TEST(Interactive, TheOperatorSkipsOnePluginThenContinues) {
@@ -55,14 +38,14 @@ TEST(Interactive, TheOperatorSkipsOnePluginThenContinues) {
     _exit(127);
   }
   std::string output;
-  bool prompted = ReadUntil(terminal, output, "\x1b[36ma\x1b[0m: ");
-  prompted = prompted && ReadUntil(terminal, output, "\x1b[?25l");
+  bool prompted = ReadUntilText(terminal, output, "\x1b[36ma\x1b[0m: ");
+  prompted = prompted && ReadUntilText(terminal, output, "\x1b[?25l");
   if (prompted) prompted = write(terminal, "s", 1) == 1;
   std::size_t afterFirst = output.size();
-  prompted = prompted && ReadUntil(terminal, output, "\x1b[36mb\x1b[0m: ", afterFirst);
-  prompted = prompted && ReadUntil(terminal, output, "\x1b[?25l", afterFirst);
+  prompted = prompted && ReadUntilText(terminal, output, "\x1b[36mb\x1b[0m: ", afterFirst);
+  prompted = prompted && ReadUntilText(terminal, output, "\x1b[?25l", afterFirst);
   if (prompted) prompted = write(terminal, "c", 1) == 1;
-  ReadUntil(terminal, output, "no such text: read to the end");
+  ReadToEnd(terminal, output, Clock::now() + std::chrono::seconds(20));
   if (!prompted) kill(child, SIGKILL);
   int status = 0;
   waitpid(child, &status, 0);

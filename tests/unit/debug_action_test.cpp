@@ -17,11 +17,14 @@
 #include <gtest/gtest.h>
 
 #include "plugin/plugin.h"
+#include "support/read_until.h"
 
 namespace bootstrand {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using testing::Clock;
+using testing::ReadUntil;
+
 constexpr auto kPatience = std::chrono::seconds(10);
 
 const std::string kPrompt =
@@ -53,28 +56,6 @@ struct Report {
   }
   if (write(reportFd, &report, sizeof report) != sizeof report) _exit(2);
   _exit(0);
-}
-
-// Reads everything from `fd` into `output` until `done` says so, end of file, or the
-// deadline; false on timeout.
-template <typename Done>
-bool ReadUntil(int fd, std::string& output, Clock::time_point deadline, Done done) {
-  while (!done(output)) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return false;
-    pollfd entry{fd, POLLIN, 0};
-    int ready = poll(&entry, 1, static_cast<int>(left));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) continue;
-    char buffer[1024];
-    ssize_t count = read(fd, buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) continue;
-    // A terminal's master side reports EIO once the last holder of the other side
-    // has gone.
-    if (count <= 0) return true;
-    output.append(buffer, static_cast<std::size_t>(count));
-  }
-  return true;
 }
 
 // A child running the prompt, seen from the test: its output so far and its report.
@@ -136,8 +117,8 @@ class PromptChild {
   void WaitFor(const std::string& text) {
     bool inTime = ReadUntil(output_, text_, Clock::now() + kPatience,
                             [&text](const std::string& output) { return output.find(text) != std::string::npos; });
-    ASSERT_TRUE(inTime) << "timed out waiting for the output; so far: " << testing::PrintToString(text_);
-    ASSERT_NE(text_.find(text), std::string::npos) << "output ended early: " << testing::PrintToString(text_);
+    ASSERT_TRUE(inTime) << "timed out waiting for the output; so far: " << ::testing::PrintToString(text_);
+    ASSERT_NE(text_.find(text), std::string::npos) << "output ended early: " << ::testing::PrintToString(text_);
   }
 
   void Type(const std::string& keys) {
@@ -146,8 +127,8 @@ class PromptChild {
 
   // Reads the rest of the output and the report, and reaps the child.
   void Finish() {
-    bool inTime = ReadUntil(output_, text_, Clock::now() + kPatience, [](const std::string&) { return false; });
-    ASSERT_TRUE(inTime) << "the prompt did not end; output so far: " << testing::PrintToString(text_);
+    bool inTime = testing::ReadToEnd(output_, text_, Clock::now() + kPatience);
+    ASSERT_TRUE(inTime) << "the prompt did not end; output so far: " << ::testing::PrintToString(text_);
     ASSERT_EQ(read(report_, &report_value_, sizeof report_value_), static_cast<ssize_t>(sizeof report_value_));
     int status = 0;
     ASSERT_EQ(waitpid(child_, &status, 0), child_);
@@ -175,7 +156,7 @@ struct AnswerCase {
 
 void PrintTo(const AnswerCase& answer, std::ostream* stream) { *stream << answer.label; }
 
-class DebugActionAnswer : public testing::TestWithParam<AnswerCase> {};
+class DebugActionAnswer : public ::testing::TestWithParam<AnswerCase> {};
 
 TEST_P(DebugActionAnswer, ReturnsBitsAndRedrawsTheLineWithTheAnswer) {
   const AnswerCase& answer = GetParam();
@@ -193,12 +174,12 @@ TEST_P(DebugActionAnswer, ReturnsBitsAndRedrawsTheLineWithTheAnswer) {
 
 INSTANTIATE_TEST_SUITE_P(
     Keys, DebugActionAnswer,
-    testing::Values(AnswerCase{"SkipAfterIgnoredKeys", "x\r12s", 's', 0x0A},
+    ::testing::Values(AnswerCase{"SkipAfterIgnoredKeys", "x\r12s", 's', 0x0A},
                     AnswerCase{"UpperCaseContinue", "C", 'c', 0x00},
                     AnswerCase{"Execute", "e", 'e', 0x02},
                     AnswerCase{"UpperCaseSkip", "qS", 's', 0x0A},
                     AnswerCase{"FirstAnswerWins", "ec", 'e', 0x02}),
-    [](const testing::TestParamInfo<AnswerCase>& info) { return info.param.label; });
+    [](const ::testing::TestParamInfo<AnswerCase>& info) { return info.param.label; });
 
 TEST(DebugAction, TroubleshootRunsAShellThenErasesTheLine) {
   PromptChild prompt;

@@ -3,7 +3,6 @@
 // it, checked through the native log file and the kernel channel's sink.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "kinds/native_plugin.h"
+#include "support/read_until.h"
 #include "support/test_plugin.h"
 
 namespace bootstrand::testing {
@@ -57,22 +57,9 @@ Activation ActivateInChild(Plugin& plugin, ActivateFlags flags) {
     _exit(result ? 10 : 11);
   }
   close(output[1]);
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  for (;;) {
-    auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-    if (left <= 0) {
-      ADD_FAILURE() << "Activate did not end";
-      kill(child, SIGKILL);
-      break;
-    }
-    pollfd entry{output[0], POLLIN, 0};
-    if (poll(&entry, 1, static_cast<int>(left)) <= 0) continue;
-    char buffer[1024];
-    ssize_t count = read(output[0], buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    activation.standardOutput.append(buffer, static_cast<std::size_t>(count));
+  if (!ReadToEnd(output[0], activation.standardOutput, Clock::now() + std::chrono::seconds(20))) {
+    ADD_FAILURE() << "Activate did not end";
+    kill(child, SIGKILL);
   }
   close(output[0]);
   int status = 0;
