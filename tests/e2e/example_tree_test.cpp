@@ -76,30 +76,5 @@ TEST_F(ExampleTree, DryRunAndDisabledPlugins) {
   EXPECT_TRUE(root.Channel("alert").empty());
 }
 
-TEST_F(ExampleTree, NamedPluginsAndQueries) {
-  RunResult run = RunBootstrand(root, {"--plugin", "10-devices.json,20-storage.json"});
-  ASSERT_EQ(run.exitStatus, 0) << run.err;
-  EXPECT_EQ(Activated(), (std::vector<std::string>{"10-devices", "20-storage"}));
-
-  RunResult query = RunBootstrand(root, {"--requires", "storage"});
-  EXPECT_EQ(query.out,
-            "50-host-keys: storage\n"
-            "70-vm-autostart: config-restored,firewall,storage\n"
-            "restore-configuration: storage\n");
-}
-
-TEST_F(ExampleTree, TheSameSeedGivesTheSameOrderTwice) {
-  RunResult first = RunBootstrand(root, {"--randomize", "42", "--max-workers", "1", "--dry"});
-  std::vector<std::string> firstOrder = Activated();
-  HostRoot other;
-  std::filesystem::copy(std::string(BOOTSTRAND_EXAMPLES_DIR) + "/tree", other.Root(),
-                        std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing);
-  RunResult second = RunBootstrand(other, {"--randomize", "42", "--max-workers", "1", "--dry"});
-  ASSERT_EQ(first.exitStatus, 0);
-  ASSERT_EQ(second.exitStatus, 0);
-  EXPECT_EQ(root.Channel("kernel"), other.Channel("kernel"));
-  EXPECT_FALSE(firstOrder.empty());
-}
-
 }  // namespace
 }  // namespace bootstrand::testing

@@ -3,17 +3,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <regex>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "kinds/cormcli.h"
 #include "platform/kitbag/dispatcher.h"
+#include "support/test_plugin.h"
 
 namespace bootstrand {
 namespace {
@@ -25,36 +24,26 @@ using Strings = std::vector<std::string>;
 class CormcliTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/cormcli-test-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    root_ = pattern;
-    setenv("BOOTSTRAND_ROOT", root_.c_str(), 1);
     savedDispatcher_ = std::exchange(Cormcli::dispatcher, nullptr);
     savedCout_ = std::cout.rdbuf(out_.rdbuf());
   }
   void TearDown() override {
     std::cout.rdbuf(savedCout_);
     delete std::exchange(Cormcli::dispatcher, savedDispatcher_);
-    std::filesystem::remove_all(root_);
-    unsetenv("BOOTSTRAND_ROOT");
   }
   // A command in command directory `directory` that appends `word` and its
   // arguments to the file "ran", then runs `extra`.
   void WriteCommand(std::string path, const std::string& word, const std::string& extra = "", int directory = 0,
                     mode_t mode = 0755) {
     std::replace(path.begin(), path.end(), ' ', '/');
-    path = root_ + Cormcli::commandDirectories[directory] + "/" + path;
+    path = root_.Path(Cormcli::commandDirectories[directory] + "/" + path);
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path) << "#!/bin/sh\necho " << word << " \"$@\" >> \"$BOOTSTRAND_ROOT/ran\"\n" << extra << "\n";
     chmod(path.c_str(), mode);
   }
-  std::string Ran() {
-    std::stringstream text;
-    text << std::ifstream(root_ + "/ran").rdbuf();
-    return text.str();
-  }
+  std::string Ran() { return root_.Read("/ran"); }
 
-  std::string root_;
+  testing::ScopedRoot root_;
   std::stringstream out_;
   std::streambuf* savedCout_ = nullptr;
   Kitbag::AutoCli::Dispatcher* savedDispatcher_ = nullptr;
@@ -116,7 +105,7 @@ TEST_F(CormcliTest, OtherExceptionsBecomeFailuresWithAnEmptyStage) {
   ASSERT_EQ(failures.size(), 2u);
   EXPECT_STREQ(failures[0].what(), " step one failed");
   EXPECT_EQ(failures[0].errors,
-            Strings{"cannot wait for " + root_ + "/usr/lib/tessary/cormcli/step/one: No child processes"});
+            Strings{"cannot wait for " + root_.Path("/usr/lib/tessary/cormcli/step/one") + ": No child processes"});
   EXPECT_STREQ(failures[1].what(), " step one --again failed");
 }
 

@@ -4,16 +4,15 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "platform/kitbag/dispatcher.h"
 #include "platform/kitbag/option_parser.h"
+#include "support/test_plugin.h"
 
 namespace {
 
@@ -77,27 +76,14 @@ INSTANTIATE_TEST_SUITE_P(
 class DispatcherTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/kitbag-test-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    root_ = pattern;
-    setenv("BOOTSTRAND_ROOT", root_.c_str(), 1);
     dispatcher_.AddExternalDirectory("/commands");
-    std::filesystem::create_directories(root_ + "/commands/network/ip");
-  }
-  void TearDown() override {
-    std::filesystem::remove_all(root_);
-    unsetenv("BOOTSTRAND_ROOT");
+    std::filesystem::create_directories(root_.Path("/commands/network/ip"));
   }
   std::string WriteCommand(const std::string& contents) {
-    std::string path = root_ + "/commands/network/ip/set";
+    std::string path = root_.Path("/commands/network/ip/set");
     std::ofstream(path) << contents;
     chmod(path.c_str(), 0755);
     return path;
-  }
-  std::string Read(const std::string& file) {
-    std::stringstream text;
-    text << std::ifstream(root_ + "/" + file).rdbuf();
-    return text.str();
   }
   Strings Run() {
     auto input = CommandInput::New();
@@ -108,7 +94,7 @@ class DispatcherTest : public ::testing::Test {
     return output->GetErrors();
   }
 
-  std::string root_;
+  bootstrand::testing::ScopedRoot root_;
   Dispatcher dispatcher_;
 };
 
@@ -147,8 +133,8 @@ TEST_F(DispatcherTest, SuccessKeepsOutputOrderAndPassesStandardErrorOn) {
   WriteCommand("#!/bin/sh\necho child\necho warning >&2\n");
   std::fflush(nullptr);
   const int savedOut = dup(STDOUT_FILENO), savedErr = dup(STDERR_FILENO);
-  const int out = open((root_ + "/out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  const int err = open((root_ + "/err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  const int out = open(root_.Path("/out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  const int err = open(root_.Path("/err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   dup2(out, STDOUT_FILENO);
   dup2(err, STDERR_FILENO);
   std::cout << "before\n";  // still buffered when the command starts
@@ -158,8 +144,8 @@ TEST_F(DispatcherTest, SuccessKeepsOutputOrderAndPassesStandardErrorOn) {
   dup2(savedErr, STDERR_FILENO);
   for (int fd : {savedOut, savedErr, out, err}) close(fd);
   EXPECT_EQ(errors, Strings{});
-  EXPECT_EQ(Read("out"), "before\nchild\n");
-  EXPECT_EQ(Read("err"), "warning\n");
+  EXPECT_EQ(root_.Read("/out"), "before\nchild\n");
+  EXPECT_EQ(root_.Read("/err"), "warning\n");
 }
 
 TEST_F(DispatcherTest, LeavesNoDescriptorOpen) {
