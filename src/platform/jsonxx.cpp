@@ -37,8 +37,19 @@ double value::number() const { return json_.is_number() ? json_.get<double>() : 
 bool value::boolean() const { return json_.is_boolean() && json_.get<bool>(); }
 
 bool parse(std::istream& input, value& result) {
-  nlohmann::json parsed = nlohmann::json::parse(input, nullptr, /*allow_exceptions=*/false);
-  if (parsed.is_discarded()) {
+  // Copying and comparing values recurse once per level, so a document nested
+  // thousands deep would exhaust the stack later on. Nothing nested deeper than
+  // kMaxDepth is kept, and such a document counts as not parsed.
+  bool tooDeep = false;
+  auto limitDepth = [&tooDeep](int depth, nlohmann::json::parse_event_t event, nlohmann::json&) {
+    if (depth < kMaxDepth) return true;
+    if (event == nlohmann::json::parse_event_t::object_start || event == nlohmann::json::parse_event_t::array_start) {
+      tooDeep = true;
+    }
+    return false;
+  };
+  nlohmann::json parsed = nlohmann::json::parse(input, limitDepth, /*allow_exceptions=*/false);
+  if (parsed.is_discarded() || tooDeep) {
     result = value();
     return false;
   }

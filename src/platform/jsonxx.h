@@ -39,8 +39,11 @@ class value {
   nlohmann::json json_;
 };
 
+// How deeply arrays and objects may nest in a parsed document.
+constexpr int kMaxDepth = 512;
+
 // Reads the whole stream into `result`; false (and `result` none) when the text is
-// not one JSON value.
+// not one JSON value or nests deeper than kMaxDepth.
 bool parse(std::istream& input, value& result);
 
 }  // namespace jsonxx

@@ -90,6 +90,25 @@ TEST_F(JsonPluginFile, EachFaultHasItsMessage) {
   }
 }
 
+TEST_F(JsonPluginFile, HostileFilesAreRejectedWithoutHarm) {
+  const std::string head = R"({"metadata":{"provides":["a"],"requires":[],"version":1,"extra":)";
+  const std::string tail = R"(},"operations":{"start":[]}})";
+  auto nested = [](int depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  const std::string rejected = "'value' is not a 'JsonObject'";
+  EXPECT_EQ(LoadError(head + nested(200000) + tail), rejected);
+  EXPECT_EQ(LoadError(R"({"metadata":)" + nested(200000) + tail), rejected);
+  EXPECT_EQ(LoadError(std::string(R"({"metadata":{"provides":["a)") + '\xff' + R"("],"requires":[],"version":1)" +
+                      tail),
+            rejected);
+  EXPECT_EQ(LoadError(std::string(R"({"metadata":{"provides":["a)") + '\0' + R"("],"requires":[],"version":1)" +
+                      tail),
+            rejected);
+  EXPECT_TRUE(Plugin::plugins.empty());
+  // Nesting that a person could have written still loads.
+  EXPECT_EQ(LoadError(head + nested(500) + tail), "");
+  EXPECT_EQ(Plugin::plugins.size(), 1u);
+}
+
 TEST_F(JsonPluginFile, FieldsFollowTheVersionGates) {
   JsonPlugin& v1 = Load(R"({"metadata":{"provides":["net","json plugins"],"requires":["disk"],"version":1.9,
       "unknown":1},"operations":{"start":["a","a"],"apply_host_profile":7}})",
