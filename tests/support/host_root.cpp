@@ -142,6 +142,8 @@ RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& ar
     dup2(null, STDIN_FILENO);
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
+    // A boot starts with nothing open beyond the standard streams.
+    close_range(3, ~0U, 0);
     setpgid(0, 0);
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
