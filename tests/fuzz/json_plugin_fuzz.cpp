@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -17,6 +18,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   if (mkdtemp(pattern) == nullptr) std::abort();
   root = pattern;
   setenv("BOOTSTRAND_ROOT", root.c_str(), 1);
+  std::atexit([] { std::filesystem::remove_all(root); });
   return 0;
 }
 
