@@ -1,0 +1,201 @@
+#include "analyze/analysis.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <numeric>
+#include <unordered_map>
+
+namespace bootstrand::analyze {
+
+namespace {
+
+constexpr std::size_t kUntimedListed = 10;
+
+Microseconds Duration(const TimedPlugin& plugin) { return plugin.end - plugin.start; }
+
+std::string OutcomeCounts(const Analysis& analysis) {
+  std::map<Outcome, std::size_t> counts;
+  for (Outcome outcome : analysis.outcomes) ++counts[outcome];
+  std::string text;
+  for (const auto& [outcome, count] : counts) {
+    text += (text.empty() ? "" : ", ") + std::to_string(count) + " " + std::string(OutcomeName(outcome));
+  }
+  return text;
+}
+
+nlohmann::json PluginJson(const Analysis& analysis, std::size_t index) {
+  const TimedPlugin& plugin = analysis.timing.plugins[index];
+  return {{"name", plugin.name},
+          {"start_us", plugin.start - analysis.origin},
+          {"duration_us", Duration(plugin)},
+          {"outcome", std::string(OutcomeName(analysis.outcomes[index]))}};
+}
+
+// The time the chain's plugins spent running, without the gaps between them.
+Microseconds ChainBusy(const Analysis& analysis) {
+  Microseconds busy = 0;
+  for (std::size_t index : *analysis.chain) busy += Duration(analysis.timing.plugins[index]);
+  return busy;
+}
+
+template <typename T>
+nlohmann::json OrNull(const std::optional<T>& value) {
+  return value ? nlohmann::json(*value) : nlohmann::json(nullptr);
+}
+
+}  // namespace
+
+std::string FormatDuration(Microseconds duration) {
+  char text[64];
+  if (duration < 1000 && duration > -1000) {
+    std::snprintf(text, sizeof text, "%lld us", static_cast<long long>(duration));
+  } else if (duration < 1000000 && duration > -1000000) {
+    std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(duration) / 1e3);
+  } else {
+    std::snprintf(text, sizeof text, "%.3f s", static_cast<double>(duration) / 1e6);
+  }
+  return text;
+}
+
+Analysis Analyze(TimingLog timing, const PluginOutcomes& outcomes, const DependencyGraph* graph) {
+  Analysis analysis;
+  analysis.timing = std::move(timing);
+  const std::vector<TimedPlugin>& plugins = analysis.timing.plugins;
+
+  std::unordered_map<std::string, std::size_t> count;
+  for (const TimedPlugin& plugin : plugins) ++count[plugin.name];
+  std::unordered_map<std::string, std::size_t> seen;
+  for (const TimedPlugin& plugin : plugins) {
+    analysis.outcomes.push_back(outcomes.Of(plugin.name, seen[plugin.name]++, count[plugin.name]));
+  }
+  for (const auto& [name, outcome] : outcomes.Latest()) {
+    if (!count.contains(name)) analysis.untimed.emplace_back(name, outcome);
+  }
+
+  analysis.byStart.resize(plugins.size());
+  std::iota(analysis.byStart.begin(), analysis.byStart.end(), 0);
+  std::stable_sort(analysis.byStart.begin(), analysis.byStart.end(),
+                   [&](std::size_t a, std::size_t b) { return plugins[a].start < plugins[b].start; });
+  analysis.blame = analysis.byStart;
+  std::stable_sort(analysis.blame.begin(), analysis.blame.end(),
+                   [&](std::size_t a, std::size_t b) { return Duration(plugins[a]) > Duration(plugins[b]); });
+
+  Microseconds firstStart = plugins.empty() ? 0 : plugins[analysis.byStart.front()].start;
+  Microseconds lastEnd = firstStart;
+  for (const TimedPlugin& plugin : plugins) lastEnd = std::max(lastEnd, plugin.end);
+  analysis.origin = analysis.timing.activationStart.value_or(firstStart);
+  analysis.finish = analysis.timing.activationEnd.value_or(lastEnd);
+
+  if (graph == nullptr) {
+    analysis.chainNotes.push_back("not worked out: no plugin files given (--plugins)");
+    return analysis;
+  }
+  analysis.chain = CriticalChain(plugins, *graph);
+  if (!analysis.chain->empty() && graph->Find(plugins[analysis.chain->front()].name) == nullptr) {
+    analysis.chainNotes.push_back("stops at " + plugins[analysis.chain->front()].name +
+                                  ": no plugin file declares its tags");
+  }
+  if (graph->NativeFilesSkipped() > 0) {
+    analysis.chainNotes.push_back(std::to_string(graph->NativeFilesSkipped()) +
+                                  " native plugin file(s) not read: their tags are inside the shared objects");
+  }
+  return analysis;
+}
+
+void PrintReport(std::ostream& output, const Analysis& analysis, std::size_t top) {
+  const TimingLog& timing = analysis.timing;
+  const std::vector<TimedPlugin>& plugins = timing.plugins;
+  output << "Plugins timed: " << plugins.size();
+  if (!plugins.empty()) output << " (" << OutcomeCounts(analysis) << ")";
+  output << '\n';
+
+  // The activator records the kernel's uptime in whole seconds.
+  output << "Kernel start to activation start: "
+         << (timing.kernelTime ? std::to_string(*timing.kernelTime / 1000000) + " s" : "unknown (no start line)")
+         << '\n';
+  if (timing.activationStart && timing.activationEnd) {
+    output << "Activation: " << FormatDuration(*timing.activationEnd - *timing.activationStart) << " ("
+           << FormatTimestamp(*timing.activationStart) << " to " << FormatTimestamp(*timing.activationEnd)
+           << " UTC)\n";
+    if (timing.kernelTime) {
+      output << "Kernel start to end of activation: "
+             << FormatDuration(*timing.kernelTime + *timing.activationEnd - *timing.activationStart) << '\n';
+    }
+  } else {
+    output << "Activation: no summary in the timing log (the run did not end normally)";
+    if (!plugins.empty()) output << "; the timed plugins span " << FormatDuration(analysis.finish - analysis.origin);
+    output << '\n';
+  }
+
+  if (!plugins.empty()) {
+    std::size_t shown = top == 0 ? plugins.size() : std::min(top, plugins.size());
+    output << "\nSlowest plugins:\n";
+    char row[64];
+    for (std::size_t i = 0; i < shown; ++i) {
+      std::size_t index = analysis.blame[i];
+      std::snprintf(row, sizeof row, "  %11s  ", FormatDuration(Duration(plugins[index])).c_str());
+      output << row << plugins[index].name << " (" << OutcomeName(analysis.outcomes[index]) << ")\n";
+    }
+  }
+
+  output << "\nCritical chain";
+  if (analysis.chain && !analysis.chain->empty()) {
+    output << " (each plugin waited for the one above it; times from activation start):\n";
+    output << "        start         took  plugin\n";
+    char row[64];
+    for (std::size_t index : *analysis.chain) {
+      const TimedPlugin& plugin = plugins[index];
+      std::snprintf(row, sizeof row, "  %11s  %11s  ", FormatDuration(plugin.start - analysis.origin).c_str(),
+                    FormatDuration(Duration(plugin)).c_str());
+      output << row << plugin.name << " (" << OutcomeName(analysis.outcomes[index]) << ")\n";
+    }
+    output << "  The chain ran for " << FormatDuration(ChainBusy(analysis)) << " of the "
+           << FormatDuration(plugins[analysis.chain->back()].end - analysis.origin)
+           << " to its end;\n  the rest went to waiting for a free worker or for the scheduler's next pass.\n";
+  } else {
+    output << (analysis.chain ? ": no plugin was timed\n" : ":\n");
+  }
+  for (const std::string& note : analysis.chainNotes) output << "  " << note << '\n';
+
+  if (!analysis.untimed.empty()) {
+    output << "\nReported on the channels but not timed:";
+    for (std::size_t i = 0; i < analysis.untimed.size() && i < kUntimedListed; ++i) {
+      output << (i == 0 ? " " : ", ") << analysis.untimed[i].first << " (" << OutcomeName(analysis.untimed[i].second)
+             << ")";
+    }
+    if (analysis.untimed.size() > kUntimedListed) output << " and " << analysis.untimed.size() - kUntimedListed << " more";
+    output << '\n';
+  }
+}
+
+nlohmann::json ReportJson(const Analysis& analysis, std::size_t top) {
+  const TimingLog& timing = analysis.timing;
+  nlohmann::json report;
+  report["kernel_to_activation_us"] = OrNull(timing.kernelTime);
+  std::optional<Microseconds> activation;
+  if (timing.activationStart && timing.activationEnd) activation = *timing.activationEnd - *timing.activationStart;
+  report["activation_us"] = OrNull(activation);
+  report["activation_start"] =
+      timing.activationStart ? nlohmann::json(FormatTimestamp(*timing.activationStart)) : nlohmann::json(nullptr);
+  report["activation_end"] =
+      timing.activationEnd ? nlohmann::json(FormatTimestamp(*timing.activationEnd)) : nlohmann::json(nullptr);
+
+  nlohmann::json& plugins = report["plugins"] = nlohmann::json::array();
+  for (std::size_t index : analysis.byStart) plugins.push_back(PluginJson(analysis, index));
+  nlohmann::json& blame = report["blame"] = nlohmann::json::array();
+  std::size_t shown = top == 0 ? analysis.blame.size() : std::min(top, analysis.blame.size());
+  for (std::size_t i = 0; i < shown; ++i) blame.push_back(PluginJson(analysis, analysis.blame[i]));
+  report["critical_chain"] = nullptr;
+  if (analysis.chain) {
+    report["critical_chain"] = nlohmann::json::array();
+    for (std::size_t index : *analysis.chain) report["critical_chain"].push_back(PluginJson(analysis, index));
+    report["critical_chain_running_us"] = ChainBusy(analysis);
+  }
+  report["notes"] = analysis.chainNotes;
+  nlohmann::json& untimed = report["untimed"] = nlohmann::json::array();
+  for (const auto& [name, outcome] : analysis.untimed) untimed.push_back({{"name", name}, {"outcome", std::string(OutcomeName(outcome))}});
+  return report;
+}
+
+}  // namespace bootstrand::analyze

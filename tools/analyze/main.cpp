@@ -1,0 +1,246 @@
+// bootstrand-analyze: reads the boot timing log and the message-channel sinks of a
+// boot and prints where the time went; optionally draws the boot as an SVG timeline.
+// It only reads the host; the one file it writes is the SVG it is asked for.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "analyze/analysis.h"
+#include "analyze/dependency_graph.h"
+#include "analyze/plugin_outcomes.h"
+#include "analyze/timeline_svg.h"
+#include "analyze/timing_log.h"
+#include "platform/host_path.h"
+#include "platform/trove.h"
+#include "platform/unique_fd.h"
+
+namespace {
+
+using namespace bootstrand::analyze;
+
+constexpr const char* kProgram = "bootstrand-analyze";
+constexpr std::size_t kProblemsShown = 20;
+
+constexpr const char* kUsage =
+    "Usage: bootstrand-analyze [options] [TIMING-LOG]\n"
+    "Reads the boot timing log (default /var/log/sysboot.log) and the kernel and alert\n"
+    "channel sinks of the last boot and prints the time from kernel start to activation,\n"
+    "the activation time, the slowest plugins and the critical chain. Default paths lie\n"
+    "under BOOTSTRAND_ROOT when it is set.\n"
+    "\n"
+    "  --kernel-log FILE    kernel-channel sink (default /var/run/trove/system.log.log)\n"
+    "  --alert-log FILE     alert-channel sink, which reports plain activation failures\n"
+    "                       (default /var/run/trove/system.sysAlert.log)\n"
+    "  --plugins [PATH...]  JSON plugin files or directories, for the critical chain;\n"
+    "                       takes the arguments up to the next option; without a PATH,\n"
+    "                       the host's two plugin directories\n"
+    "  --svg FILE           also write the timeline as an SVG image to FILE\n"
+    "  --top N              list the N slowest plugins (default 10, 0 for all)\n"
+    "  --json               print the figures as one JSON object instead of text\n"
+    "  --help               print this text\n"
+    "\n"
+    "Exit status: 0 when the report was printed, 1 when an input cannot be read or the\n"
+    "SVG cannot be written, 2 for bad usage.\n";
+
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct InputError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct Options {
+  std::optional<std::string> timingLog;
+  std::optional<std::string> kernelLog;
+  std::optional<std::string> alertLog;
+  std::optional<std::vector<std::string>> plugins;
+  std::optional<std::string> svg;
+  std::size_t top = 10;
+  bool json = false;
+  bool help = false;
+};
+
+Options ParseOptions(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    std::string argument = argv[i];
+    if (!argument.starts_with("--")) {
+      if (options.timingLog) throw UsageError("more than one timing log given: " + argument);
+      options.timingLog = argument;
+      continue;
+    }
+    std::optional<std::string> inlineValue;
+    if (std::size_t equals = argument.find('='); equals != std::string::npos) {
+      inlineValue = argument.substr(equals + 1);
+      argument.resize(equals);
+    }
+    auto value = [&]() -> std::string {
+      if (inlineValue) return *inlineValue;
+      if (i + 1 >= argc) throw UsageError("missing value for " + argument);
+      return argv[++i];
+    };
+    auto noValue = [&] {
+      if (inlineValue) throw UsageError(argument + " takes no value");
+    };
+    if (argument == "--help") {
+      noValue();
+      options.help = true;
+    } else if (argument == "--json") {
+      noValue();
+      options.json = true;
+    } else if (argument == "--kernel-log") {
+      options.kernelLog = value();
+    } else if (argument == "--alert-log") {
+      options.alertLog = value();
+    } else if (argument == "--timing-log") {
+      options.timingLog = value();
+    } else if (argument == "--svg") {
+      options.svg = value();
+    } else if (argument == "--top") {
+      std::string number = value();
+      char* end = nullptr;
+      errno = 0;
+      unsigned long long top = std::strtoull(number.c_str(), &end, 10);
+      if (number.empty() || *end != '\0' || errno != 0 || number.front() == '-') {
+        throw UsageError("--top needs a count, not '" + number + "'");
+      }
+      options.top = static_cast<std::size_t>(top);
+    } else if (argument == "--plugins") {
+      if (!options.plugins) options.plugins.emplace();
+      if (inlineValue) {
+        options.plugins->push_back(*inlineValue);
+      } else {
+        while (i + 1 < argc && !std::string(argv[i + 1]).starts_with("--")) options.plugins->push_back(argv[++i]);
+      }
+    } else {
+      throw UsageError("unknown option " + argument);
+    }
+  }
+  return options;
+}
+
+// The whole file, or nothing when it does not exist and `mayBeMissing`.
+std::optional<std::string> ReadWholeFile(const std::string& path, bool mayBeMissing) {
+  bootstrand::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.Valid()) {
+    int error = errno;
+    if (error == ENOENT && mayBeMissing) return std::nullopt;
+    throw InputError("cannot read " + path + ": " + std::strerror(error));
+  }
+  std::string contents;
+  char buffer[65536];
+  for (;;) {
+    ssize_t count = read(file.Get(), buffer, sizeof buffer);
+    if (count == 0) return contents;
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) throw InputError("cannot read " + path + ": " + std::strerror(errno));
+    contents.append(buffer, static_cast<std::size_t>(count));
+  }
+}
+
+void ReportProblems(const Problems& problems) {
+  for (std::size_t i = 0; i < problems.size() && i < kProblemsShown; ++i) {
+    std::cerr << kProgram << ": " << Describe(problems[i]) << '\n';
+  }
+  if (problems.size() > kProblemsShown) {
+    std::cerr << kProgram << ": ... and " << problems.size() - kProblemsShown << " more problems\n";
+  }
+}
+
+int Run(const Options& options) {
+  Problems problems;
+  std::string timingPath = options.timingLog.value_or(bootstrand::HostPath("/var/log/sysboot.log"));
+  std::istringstream timingText(*ReadWholeFile(timingPath, false));
+  TimingLog timing = ReadTimingLog(timingText, timingPath, problems);
+
+  PluginOutcomes outcomes;
+  std::string kernelPath = options.kernelLog.value_or(bootstrand::TroveSinkPath(Trove_NODE_system_log));
+  if (std::optional<std::string> kernel = ReadWholeFile(kernelPath, !options.kernelLog)) {
+    std::istringstream text(*kernel);
+    outcomes.ReadKernelSink(text, kernelPath, problems);
+  } else {
+    problems.push_back({kernelPath, 0, "no kernel-channel sink, so every outcome is unknown"});
+  }
+  std::string alertPath = options.alertLog.value_or(bootstrand::TroveSinkPath(Trove_NODE_system_sysAlert));
+  // Without any alert the boot never created the alert sink.
+  if (std::optional<std::string> alert = ReadWholeFile(alertPath, !options.alertLog)) {
+    std::istringstream text(*alert);
+    outcomes.ReadAlertSink(text, alertPath, problems);
+  }
+
+  std::optional<DependencyGraph> graph;
+  if (options.plugins) {
+    graph.emplace();
+    std::vector<std::string> paths = *options.plugins;
+    if (paths.empty()) {
+      for (const char* directory : {"/usr/libexec/bootstrand/plugins", "/usr/libexec/bootstrand/plugins2"}) {
+        std::string path = bootstrand::HostPath(directory);
+        if (access(path.c_str(), F_OK) == 0) paths.push_back(path);
+      }
+    }
+    try {
+      for (const std::string& path : paths) graph->Read(path, problems);
+    } catch (const std::runtime_error& error) {
+      throw InputError(error.what());
+    }
+  }
+
+  Analysis analysis = Analyze(std::move(timing), outcomes, graph ? &*graph : nullptr);
+  ReportProblems(problems);
+  if (options.svg) {
+    std::ofstream svg(*options.svg, std::ios::trunc);
+    WriteTimelineSvg(svg, analysis);
+    svg.close();
+    if (!svg) {
+      std::cerr << kProgram << ": cannot write " << *options.svg << ": " << std::strerror(errno) << '\n';
+      return 1;
+    }
+  }
+  if (options.json) {
+    nlohmann::json report = ReportJson(analysis, options.top);
+    report["timing_log"] = timingPath;
+    report["problems"] = nlohmann::json::array();
+    for (const Problem& problem : problems) report["problems"].push_back(Describe(problem));
+    // Plugin names are file names: any bytes. Replace what is not UTF-8.
+    std::cout << report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+  } else {
+    std::cout << "Timing log: " << timingPath << '\n';
+    PrintReport(std::cout, analysis, options.top);
+    if (options.svg) std::cout << "\nTimeline: " << *options.svg << '\n';
+  }
+  std::cout.flush();
+  return std::cout ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  try {
+    options = ParseOptions(argc, argv);
+  } catch (const UsageError& error) {
+    std::cerr << kProgram << ": " << error.what() << "\n\n" << kUsage;
+    return 2;
+  }
+  if (options.help) {
+    std::cout << kUsage;
+    return 0;
+  }
+  try {
+    return Run(options);
+  } catch (const InputError& error) {
+    std::cerr << kProgram << ": " << error.what() << '\n';
+    return 1;
+  }
+}

@@ -1,0 +1,41 @@
+// The boot timing log "/var/log/sysboot.log" read back: the kernel start-up time, one
+// entry per plugin line and the closing summary. Reading never throws on content;
+// lines that do not fit are reported as problems and skipped.
+#pragma once
+
+#include <cstdint>
+#include <istream>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "analyze/problem.h"
+
+namespace bootstrand::analyze {
+
+using Microseconds = std::int64_t;
+
+struct TimedPlugin {
+  std::string name;
+  Microseconds start = 0;  // since the epoch, UTC
+  Microseconds end = 0;
+  std::size_t line = 0;  // in the timing log
+};
+
+struct TimingLog {
+  std::optional<Microseconds> kernelTime;  // host uptime when activation began
+  std::optional<Microseconds> activationStart;  // from the summary, absent when the run did not end normally
+  std::optional<Microseconds> activationEnd;
+  std::vector<TimedPlugin> plugins;  // in the order the lines were written
+};
+
+TimingLog ReadTimingLog(std::istream& input, const std::string& file, Problems& problems);
+
+// Parses "YYYY-MM-DD HH:MM:SS.uuuuuu" (UTC) into microseconds since the epoch.
+std::optional<Microseconds> ParseTimestamp(std::string_view text);
+
+// The same format back, as the activator writes it.
+std::string FormatTimestamp(Microseconds time);
+
+}  // namespace bootstrand::analyze
