@@ -19,27 +19,14 @@ namespace bootstrand {
 
 namespace {
 
-const char* const kPluginDirectories[] = {"/usr/libexec/bootstrand/plugins", "/usr/libexec/bootstrand/plugins2"};
-
 bool EndsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-void ListDirectory(const char* directory, std::vector<std::string>& paths) {
-  DIR* listing = opendir(HostPath(directory).c_str());
-  if (listing == nullptr) return;
-  while (const dirent* entry = readdir(listing)) {
-    // The entry type as the directory reports it: links and unknown types are left out.
-    if (entry->d_type != DT_REG || entry->d_name[0] == '.') continue;
-    paths.push_back(std::string(directory) + "/" + entry->d_name);
-  }
-  closedir(listing);
 }
 
 std::vector<std::string> ListPlugins(const std::unordered_set<std::string>& names) {
   std::vector<std::string> paths;
   if (names.empty()) {
-    for (const char* directory : kPluginDirectories) ListDirectory(directory, paths);
+    for (const std::string& directory : Plugin::PluginDirectories()) Plugin::ListPluginDirectory(directory, paths);
     return paths;
   }
   for (const std::string& name : names) {
@@ -48,8 +35,8 @@ std::vector<std::string> ListPlugins(const std::unordered_set<std::string>& name
       continue;
     }
     bool found = false;
-    for (const char* directory : kPluginDirectories) {
-      std::string path = std::string(directory) + "/" + name;
+    for (const std::string& directory : Plugin::PluginDirectories()) {
+      std::string path = directory + "/" + name;
       struct stat status {};
       if (stat(HostPath(path).c_str(), &status) == 0) {
         paths.push_back(path);
@@ -84,13 +71,34 @@ void Plugin::LoadPlugins(const std::unordered_set<std::string>& names, std::uint
     try {
       LoadPlugin(path);
     } catch (const std::exception& error) {
-      std::cerr << "Skipping " << path << ": " << error.what() << std::endl;
+      std::cerr << SkippingMessage(path, error) << std::endl;
       KernelLog() << "exception occurred whilst loading plugin " << path << ": " << error.what() << std::endl;
     }
   }
 }
 
 void Plugin::LoadBuiltins() { new EndAutoConf(); }
+
+const std::vector<std::string>& Plugin::PluginDirectories() {
+  static const std::vector<std::string> directories = {"/usr/libexec/bootstrand/plugins",
+                                                       "/usr/libexec/bootstrand/plugins2"};
+  return directories;
+}
+
+void Plugin::ListPluginDirectory(const std::string& directory, std::vector<std::string>& paths) {
+  DIR* listing = opendir(HostPath(directory).c_str());
+  if (listing == nullptr) return;
+  while (const dirent* entry = readdir(listing)) {
+    // The entry type as the directory reports it: links and unknown types are left out.
+    if (entry->d_type != DT_REG || entry->d_name[0] == '.') continue;
+    paths.push_back(directory + "/" + entry->d_name);
+  }
+  closedir(listing);
+}
+
+std::string Plugin::SkippingMessage(const std::string& path, const std::exception& error) {
+  return "Skipping " + path + ": " + error.what();
+}
 
 void Plugin::LoadPlugin(const std::string& path) {
   if (path.size() > 2 && EndsWith(path, ".so")) {

@@ -15,6 +15,9 @@ const TagSet Plugin::kindTags = {"json plugins", "native plugins", "builtin plug
 
 namespace {
 
+// Off: the marker is never opened.
+bool recordRunOnce = true;
+
 // "/.runonce": emptied when the process starts and never read back.
 struct RunOnceMarker {
   UniqueFd file;
@@ -88,11 +91,15 @@ bool Plugin::Preempts(const Plugin& other) const {
 }
 
 bool Plugin::RunOnce(const std::string& key) {
-  RunOnceMarker& marker = Marker();
-  std::string text = (++marker.runOnceCount == 1 ? "bootstrand.run-once=" : ",") + key;
-  if (marker.file.Valid()) WriteAll(marker.file.Get(), text.data(), text.size());
+  if (recordRunOnce) {
+    RunOnceMarker& marker = Marker();
+    std::string text = (++marker.runOnceCount == 1 ? "bootstrand.run-once=" : ",") + key;
+    if (marker.file.Valid()) WriteAll(marker.file.Get(), text.data(), text.size());
+  }
   return disabled.count(key) != 0;
 }
+
+void Plugin::RecordRunOnce(bool record) { recordRunOnce = record; }
 
 void Plugin::DisablePlugins(const std::vector<std::string>& list) { disabled.insert(list.begin(), list.end()); }
 
@@ -106,6 +113,7 @@ void Plugin::ResetRegistries() {
   providers.clear();
   disabled.clear();
   interactiveTags.clear();
+  recordRunOnce = true;
   Marker().runOnceCount = 0;
 }
 

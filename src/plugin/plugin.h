@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -41,6 +42,9 @@ class Plugin {
 
   // Records `key` in the run-once marker; true when the key is disabled.
   static bool RunOnce(const std::string& key);
+  // Off: RunOnce records nothing and never opens the marker, for programs that read
+  // plugins without activating them. On from the start; the activator leaves it so.
+  static void RecordRunOnce(bool record);
   static void DisablePlugins(const std::vector<std::string>& list);
   static ActivateFlags Interactive(const std::vector<std::string>& tags);
 
@@ -50,6 +54,13 @@ class Plugin {
   static void LoadPlugin(const std::string& path);
   static void LoadJsonPlugin(const std::string& path);
   static void LoadNativePlugin(const std::string& path);
+  // The two plugin directories (host paths), in listing order.
+  static const std::vector<std::string>& PluginDirectories();
+  // Appends the plugin files of `directory` (a host path), unsorted: its regular
+  // files whose names do not start with ".".
+  static void ListPluginDirectory(const std::string& directory, std::vector<std::string>& paths);
+  // The line written to standard error for a file that cannot be loaded.
+  static std::string SkippingMessage(const std::string& path, const std::exception& error);
 
   // Queries and the cycle report (queries.cpp).
   static void DumpPluginsRequiring(const std::string& tag);
@@ -72,8 +83,8 @@ class Plugin {
   // The operator prompt of interactive mode (interactive/debug_action.cpp).
   static ActivateFlags DebugAction(const std::string& name);
 
-  // Empties every registry and the run-once count, for tests that register plugins
-  // of their own. Plugins are not freed.
+  // Empties every registry and the run-once count and turns run-once recording back
+  // on, for tests that register plugins of their own. Plugins are not freed.
   static void ResetRegistries();
 
   std::string name;
