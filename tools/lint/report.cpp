@@ -1,0 +1,205 @@
+// The linter's report as text for people and as JSON.
+#include <string>
+
+#include "lint.h"
+
+namespace bootstrand::lint {
+
+namespace {
+
+std::string Joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+  return text;
+}
+
+std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
+
+// A line stays readable when a cycle near the start holds back thousands of plugins.
+std::string Abridged(const std::vector<std::string>& names) {
+  constexpr std::size_t kShown = 20;
+  if (names.size() <= kShown) return Joined(names);
+  return Joined({names.begin(), names.begin() + kShown}) + " and " + std::to_string(names.size() - kShown) + " more";
+}
+
+std::string CycleText(const Finding& finding) {
+  std::string path;
+  std::string reasons;
+  for (const CycleStep& step : finding.cycle) {
+    path += step.plugin + " -> ";
+    reasons += reasons.empty() ? "" : "; ";
+    if (step.heldBack) {
+      reasons += step.plugin + " is held back by " + step.waitsFor + ", a preemptive provider of " + Quoted(step.tag);
+    } else {
+      reasons += step.plugin + " requires " + Quoted(step.tag) + " from " + step.waitsFor;
+    }
+  }
+  if (!finding.cycle.empty()) path += finding.cycle.front().plugin;
+  std::string text = "dependency cycle " + path + " (" + reasons + ")";
+  if (finding.plugins.size() > finding.cycle.size())
+    text += "; plugins on entangled cycles: " + Joined(finding.plugins);
+  return text;
+}
+
+std::string DisabledText(const Finding& finding) {
+  std::string text = "plugin " + finding.plugin + " would be disabled by --disable";
+  std::string separator = " ";
+  for (const DisableMatch& match : finding.disabledBy) {
+    std::string what = match.as == "name" ? "its name" : match.as == "tag" ? "a tag it provides" : "its run-once key";
+    text += separator + Quoted(match.entry) + " (" + what + ")";
+    separator = ", ";
+  }
+  return text;
+}
+
+std::string FindingText(const Finding& finding) {
+  switch (finding.kind) {
+    case FindingKind::Cycle:
+      return CycleText(finding);
+    case FindingKind::SelfRequirement: {
+      std::vector<std::string> tags;
+      for (const std::string& tag : finding.tags) tags.push_back(Quoted(tag));
+      return "plugin " + finding.plugin + " requires " + Joined(tags) + ", which it provides itself";
+    }
+    case FindingKind::PreemptiveConflict:
+      return "preemptive providers " + Joined(finding.plugins) + " share the tag " + Quoted(finding.tag) +
+             " and hold each other back";
+    case FindingKind::Blocked:
+      return std::to_string(finding.plugins.size()) +
+             " plugins would never start, waiting on the above: " + Abridged(finding.plugins);
+    case FindingKind::UnprovidedTag:
+      return "tag " + Quoted(finding.tag) + " is required by " + Joined(finding.plugins) + " but no plugin provides it";
+    case FindingKind::SharedTag:
+      return "tag " + Quoted(finding.tag) + " is provided by " + Joined(finding.plugins) + ", none of them preemptive";
+    case FindingKind::RunOnceWithoutVersion:
+      return "run-once plugin " + finding.plugin + " has no plugin version, so its run-once key is its name alone";
+    case FindingKind::Disabled:
+      return DisabledText(finding);
+    case FindingKind::UnmatchedDisable:
+      return "--disable " + Quoted(finding.tag) + " matches no plugin name, provided tag or run-once key";
+  }
+  return "";
+}
+
+const char* KindName(FindingKind kind) {
+  switch (kind) {
+    case FindingKind::Cycle:
+      return "cycle";
+    case FindingKind::SelfRequirement:
+      return "self_requirement";
+    case FindingKind::PreemptiveConflict:
+      return "preemptive_conflict";
+    case FindingKind::Blocked:
+      return "blocked";
+    case FindingKind::UnprovidedTag:
+      return "unprovided_tag";
+    case FindingKind::SharedTag:
+      return "shared_tag";
+    case FindingKind::RunOnceWithoutVersion:
+      return "run_once_without_version";
+    case FindingKind::Disabled:
+      return "disabled";
+    case FindingKind::UnmatchedDisable:
+      return "unmatched_disable";
+  }
+  return "";
+}
+
+nlohmann::json FindingJson(const Finding& finding) {
+  nlohmann::json json = {{"kind", KindName(finding.kind)}};
+  switch (finding.kind) {
+    case FindingKind::Cycle:
+      json["plugins"] = finding.plugins;
+      json["cycle"] = nlohmann::json::array();
+      for (const CycleStep& step : finding.cycle) {
+        json["cycle"].push_back(
+            {{"plugin", step.plugin}, {"waits_for", step.waitsFor}, {"tag", step.tag}, {"held_back", step.heldBack}});
+      }
+      break;
+    case FindingKind::SelfRequirement:
+      json["plugin"] = finding.plugin;
+      json["tags"] = finding.tags;
+      break;
+    case FindingKind::PreemptiveConflict:
+    case FindingKind::UnprovidedTag:
+    case FindingKind::SharedTag:
+      json["tag"] = finding.tag;
+      json["plugins"] = finding.plugins;
+      break;
+    case FindingKind::Blocked:
+      json["plugins"] = finding.plugins;
+      break;
+    case FindingKind::RunOnceWithoutVersion:
+      json["plugin"] = finding.plugin;
+      break;
+    case FindingKind::Disabled:
+      json["plugin"] = finding.plugin;
+      json["by"] = nlohmann::json::array();
+      for (const DisableMatch& match : finding.disabledBy)
+        json["by"].push_back({{"entry", match.entry}, {"as", match.as}});
+      break;
+    case FindingKind::UnmatchedDisable:
+      json["entry"] = finding.tag;
+      break;
+  }
+  return json;
+}
+
+}  // namespace
+
+void WriteReportText(const LintReport& report, std::ostream& stream) {
+  for (const SkippedFile& skipped : report.skippedFiles) stream << skipped.message << '\n';
+  for (const Finding& stop : report.stops) stream << "stop: " << FindingText(stop) << '\n';
+  for (const Finding& warning : report.warnings) stream << "warning: " << FindingText(warning) << '\n';
+
+  stream << "activation order, "
+         << (report.workers == 0
+                 ? std::string("no worker limit")
+                 : "at most " + std::to_string(report.workers) + (report.workers == 1 ? " worker" : " workers"))
+         << ":\n";
+  std::size_t nextPreemption = 0;
+  for (std::size_t index = 0; index < report.waves.size(); ++index) {
+    const Wave& wave = report.waves[index];
+    stream << "  wave " << index + 1 << ": " << Joined(wave.run);
+    if (!wave.passedOver.empty())
+      stream << (wave.run.empty() ? "" : "; ") << "passed over: " << Joined(wave.passedOver);
+    stream << '\n';
+    for (; nextPreemption < report.preempted.size() && report.preempted[nextPreemption].wave == index + 1;
+         ++nextPreemption) {
+      const Preemption& preemption = report.preempted[nextPreemption];
+      stream << "    " << preemption.plugin << " preempted by " << preemption.by << '\n';
+    }
+  }
+
+  stream << report.pluginCount << (report.pluginCount == 1 ? " plugin" : " plugins");
+  if (!report.skippedFiles.empty()) stream << ", " << report.skippedFiles.size() << " skipped files";
+  stream << ", " << report.stops.size() << " stops, " << report.warnings.size() << " warnings: ";
+  stream << (report.BootCompletes() ? "boot would complete in " : "boot would stop after ") << report.waves.size()
+         << (report.waves.size() == 1 ? " wave" : " waves") << '\n';
+  stream.flush();
+}
+
+nlohmann::json ReportJson(const LintReport& report) {
+  nlohmann::json json = {
+      {"boot_completes", report.BootCompletes()},
+      {"plugins", report.pluginCount},
+      {"workers", report.workers == 0 ? nlohmann::json(nullptr) : nlohmann::json(report.workers)},
+      {"skipped_files", nlohmann::json::array()},
+      {"stops", nlohmann::json::array()},
+      {"warnings", nlohmann::json::array()},
+      {"waves", nlohmann::json::array()},
+      {"preempted", nlohmann::json::array()},
+  };
+  for (const SkippedFile& skipped : report.skippedFiles) {
+    json["skipped_files"].push_back({{"path", skipped.path}, {"reason", skipped.reason}, {"message", skipped.message}});
+  }
+  for (const Finding& stop : report.stops) json["stops"].push_back(FindingJson(stop));
+  for (const Finding& warning : report.warnings) json["warnings"].push_back(FindingJson(warning));
+  for (const Wave& wave : report.waves) json["waves"].push_back({{"run", wave.run}, {"passed_over", wave.passedOver}});
+  for (const Preemption& preemption : report.preempted) {
+    json["preempted"].push_back({{"plugin", preemption.plugin}, {"by", preemption.by}, {"wave", preemption.wave}});
+  }
+  return json;
+}
+
+}  // namespace bootstrand::lint
