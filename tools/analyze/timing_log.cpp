@@ -52,7 +52,7 @@ std::optional<Microseconds> ParseSummaryTime(const std::string& line, std::strin
 }  // namespace
 
 std::optional<Microseconds> ParseTimestamp(std::string_view text) {
-  auto year = TakeNumber(text, 4, 9);
+  auto year = TakeNumber(text, 4, 5);  // keeps microseconds since the epoch in range
   if (!year || !TakeChar(text, '-')) return std::nullopt;
   auto month = TakeNumber(text, 2, 2);
   if (!month || !TakeChar(text, '-')) return std::nullopt;
