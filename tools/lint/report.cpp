@@ -13,6 +13,10 @@ std::string Joined(const std::vector<std::string>& names) {
   return text;
 }
 
+std::string Counted(std::size_t count, const std::string& thing) {
+  return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
+}
+
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
 // A line stays readable when a cycle near the start holds back thousands of plugins.
@@ -153,16 +157,14 @@ void WriteReportText(const LintReport& report, std::ostream& stream) {
   for (const Finding& warning : report.warnings) stream << "warning: " << FindingText(warning) << '\n';
 
   stream << "activation order, "
-         << (report.workers == 0
-                 ? std::string("no worker limit")
-                 : "at most " + std::to_string(report.workers) + (report.workers == 1 ? " worker" : " workers"))
-         << ":\n";
+         << (report.workers == 0 ? "no worker limit" : "at most " + Counted(report.workers, "worker")) << ":\n";
   std::size_t nextPreemption = 0;
   for (std::size_t index = 0; index < report.waves.size(); ++index) {
     const Wave& wave = report.waves[index];
     stream << "  wave " << index + 1 << ": " << Joined(wave.run);
-    if (!wave.passedOver.empty())
+    if (!wave.passedOver.empty()) {
       stream << (wave.run.empty() ? "" : "; ") << "passed over: " << Joined(wave.passedOver);
+    }
     stream << '\n';
     for (; nextPreemption < report.preempted.size() && report.preempted[nextPreemption].wave == index + 1;
          ++nextPreemption) {
@@ -171,11 +173,11 @@ void WriteReportText(const LintReport& report, std::ostream& stream) {
     }
   }
 
-  stream << report.pluginCount << (report.pluginCount == 1 ? " plugin" : " plugins");
-  if (!report.skippedFiles.empty()) stream << ", " << report.skippedFiles.size() << " skipped files";
-  stream << ", " << report.stops.size() << " stops, " << report.warnings.size() << " warnings: ";
-  stream << (report.BootCompletes() ? "boot would complete in " : "boot would stop after ") << report.waves.size()
-         << (report.waves.size() == 1 ? " wave" : " waves") << '\n';
+  stream << Counted(report.pluginCount, "plugin");
+  if (!report.skippedFiles.empty()) stream << ", " << Counted(report.skippedFiles.size(), "skipped file");
+  stream << ", " << Counted(report.stops.size(), "stop") << ", " << Counted(report.warnings.size(), "warning") << ": "
+         << (report.BootCompletes() ? "boot would complete in " : "boot would stop after ")
+         << Counted(report.waves.size(), "wave") << '\n';
   stream.flush();
 }
 
