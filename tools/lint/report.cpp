@@ -19,9 +19,11 @@ std::string Counted(std::size_t count, const std::string& thing) {
 
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
-// A line stays readable when a cycle near the start holds back thousands of plugins.
+// How many plugins a line names before it only counts the rest, so that a line stays
+// readable when a long cycle holds back thousands of plugins.
+constexpr std::size_t kShown = 20;
+
 std::string Abridged(const std::vector<std::string>& names) {
-  constexpr std::size_t kShown = 20;
   if (names.size() <= kShown) return Joined(names);
   return Joined({names.begin(), names.begin() + kShown}) + " and " + std::to_string(names.size() - kShown) + " more";
 }
@@ -29,7 +31,8 @@ std::string Abridged(const std::vector<std::string>& names) {
 std::string CycleText(const Finding& finding) {
   std::string path;
   std::string reasons;
-  for (const CycleStep& step : finding.cycle) {
+  for (std::size_t index = 0; index < finding.cycle.size() && index < kShown; ++index) {
+    const CycleStep& step = finding.cycle[index];
     path += step.plugin + " -> ";
     reasons += reasons.empty() ? "" : "; ";
     if (step.heldBack) {
@@ -38,10 +41,15 @@ std::string CycleText(const Finding& finding) {
       reasons += step.plugin + " requires " + Quoted(step.tag) + " from " + step.waitsFor;
     }
   }
+  if (finding.cycle.size() > kShown) {
+    path += "(" + std::to_string(finding.cycle.size() - kShown) + " more) -> ";
+    reasons += "; ...";
+  }
   if (!finding.cycle.empty()) path += finding.cycle.front().plugin;
   std::string text = "dependency cycle " + path + " (" + reasons + ")";
-  if (finding.plugins.size() > finding.cycle.size())
-    text += "; plugins on entangled cycles: " + Joined(finding.plugins);
+  if (finding.plugins.size() > finding.cycle.size()) {
+    text += "; plugins on entangled cycles: " + Abridged(finding.plugins);
+  }
   return text;
 }
 
@@ -69,8 +77,8 @@ std::string FindingText(const Finding& finding) {
       return "preemptive providers " + Joined(finding.plugins) + " share the tag " + Quoted(finding.tag) +
              " and hold each other back";
     case FindingKind::Blocked:
-      return std::to_string(finding.plugins.size()) +
-             " plugins would never start, waiting on the above: " + Abridged(finding.plugins);
+      return Counted(finding.plugins.size(), "plugin") +
+             " would never start, waiting on the above: " + Abridged(finding.plugins);
     case FindingKind::UnprovidedTag:
       return "tag " + Quoted(finding.tag) + " is required by " + Joined(finding.plugins) + " but no plugin provides it";
     case FindingKind::SharedTag:
