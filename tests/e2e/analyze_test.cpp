@@ -103,7 +103,9 @@ TEST_F(Analyzer, ReportsTheBootOfTheExampleTree) {
 
   // Every timed plugin once, by start time; the failure comes from the alert sink.
   std::multiset<std::string> timed;
-  for (std::size_t i = 1; i + 3 < timing.size(); ++i) timed.insert(timing[i].substr(timing[i].find("] sysboot: ") + 11));
+  for (std::size_t i = 1; i + 3 < timing.size(); ++i) {
+    timed.insert(timing[i].substr(timing[i].find("] sysboot: ") + 11));
+  }
   std::multiset<std::string> reported;
   long long previousStart = -1;
   for (const nlohmann::json& plugin : report["plugins"]) {
@@ -129,7 +131,8 @@ TEST_F(Analyzer, ReportsTheBootOfTheExampleTree) {
   for (std::size_t i = 1; i < chain.size(); ++i) {
     std::set<std::string> provided = Tags(chain[i - 1]["name"], "provides");
     std::set<std::string> required = Tags(chain[i]["name"], "requires");
-    EXPECT_TRUE(std::any_of(required.begin(), required.end(), [&](const std::string& tag) { return provided.contains(tag); }))
+    auto isProvided = [&](const std::string& tag) { return provided.contains(tag); };
+    EXPECT_TRUE(std::any_of(required.begin(), required.end(), isProvided))
         << chain[i - 1]["name"] << " -> " << chain[i]["name"];
     EXPECT_LE(chain[i - 1]["start_us"].get<long long>() + chain[i - 1]["duration_us"].get<long long>(),
               chain[i]["start_us"].get<long long>());
@@ -226,8 +229,10 @@ TEST_F(Analyzer, TimelineRendersInAHeadlessBrowser) {
   std::string blankPath = scratch.Path("/blank.svg");
   std::ofstream(blankPath) << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"600\" height=\"300\"/>\n";
 
+  int runs = 0;
   auto chromium = [&](const std::string& what, const std::string& svg, const std::string& output) {
-    std::string profile = scratch.Path("/profile-" + std::to_string(std::rand()));
+    // Each run gets a new, empty profile directory.
+    std::string profile = scratch.Path("/profile-" + std::to_string(++runs));
     std::string command = std::string(kChromium) +
                           " --headless --no-sandbox --disable-gpu --disable-quic --no-first-run"
                           " --disable-background-networking --disable-component-update --disable-sync"
@@ -240,7 +245,8 @@ TEST_F(Analyzer, TimelineRendersInAHeadlessBrowser) {
   std::string document = ReadAll(dom);
   EXPECT_EQ(document.find("parsererror"), std::string::npos) << document.substr(0, 2000);
   std::size_t bars = 0;
-  for (std::size_t at = document.find("class=\"bar "); at != std::string::npos; at = document.find("class=\"bar ", at + 1)) {
+  for (std::size_t at = document.find("class=\"bar "); at != std::string::npos;
+       at = document.find("class=\"bar ", at + 1)) {
     ++bars;
   }
   EXPECT_EQ(bars, 13u);

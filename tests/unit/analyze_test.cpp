@@ -250,7 +250,9 @@ Analysis Analyzed(const std::vector<std::tuple<std::string, int, int>>& timed, c
   log.activationStart = kBase;
   log.activationEnd = kBase + 100000;
   std::size_t line = 2;
-  for (const auto& [name, start, end] : timed) log.plugins.push_back({name, kBase + start * 1000, kBase + end * 1000, line++});
+  for (const auto& [name, start, end] : timed) {
+    log.plugins.push_back({name, kBase + start * 1000, kBase + end * 1000, line++});
+  }
   PluginOutcomes outcomes;
   Problems problems;
   std::istringstream sink(kernelSink);

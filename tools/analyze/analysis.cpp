@@ -164,7 +164,9 @@ void PrintReport(std::ostream& output, const Analysis& analysis, std::size_t top
       output << (i == 0 ? " " : ", ") << analysis.untimed[i].first << " (" << OutcomeName(analysis.untimed[i].second)
              << ")";
     }
-    if (analysis.untimed.size() > kUntimedListed) output << " and " << analysis.untimed.size() - kUntimedListed << " more";
+    if (analysis.untimed.size() > kUntimedListed) {
+      output << " and " << analysis.untimed.size() - kUntimedListed << " more";
+    }
     output << '\n';
   }
 }
@@ -194,7 +196,9 @@ nlohmann::json ReportJson(const Analysis& analysis, std::size_t top) {
   }
   report["notes"] = analysis.chainNotes;
   nlohmann::json& untimed = report["untimed"] = nlohmann::json::array();
-  for (const auto& [name, outcome] : analysis.untimed) untimed.push_back({{"name", name}, {"outcome", std::string(OutcomeName(outcome))}});
+  for (const auto& [name, outcome] : analysis.untimed) {
+    untimed.push_back({{"name", name}, {"outcome", std::string(OutcomeName(outcome))}});
+  }
   return report;
 }
 
