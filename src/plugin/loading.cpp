@@ -5,9 +5,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <random>
+#include <stdexcept>
 
 #include "log/channels.h"
 #include "platform/host_path.h"
@@ -91,9 +94,45 @@ void Plugin::ListPluginDirectory(const std::string& directory, std::vector<std::
   while (const dirent* entry = readdir(listing)) {
     // The entry type as the directory reports it: links and unknown types are left out.
     if (entry->d_type != DT_REG || entry->d_name[0] == '.') continue;
-    paths.push_back(directory + "/" + entry->d_name);
+    paths.push_back(directory + (directory.ends_with('/') ? "" : "/") + entry->d_name);
   }
   closedir(listing);
+}
+
+std::vector<std::string> Plugin::ListPluginFiles(const std::vector<std::string>& given) {
+  std::vector<std::string> files;
+  if (given.empty()) {
+    for (const std::string& directory : PluginDirectories()) ListPluginDirectory(directory, files);
+  }
+  for (std::string path : given) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    if (path.empty()) throw std::runtime_error("an empty path names no plugin");
+    struct stat status {};
+    if (stat(HostPath(path).c_str(), &status) == 0) {
+      if (S_ISDIR(status.st_mode)) {
+        ListPluginDirectory(path, files);
+      } else {
+        files.push_back(path);
+      }
+      continue;
+    }
+    int error = errno;
+    bool found = false;
+    if (path.find('/') == std::string::npos) {
+      for (const std::string& directory : PluginDirectories()) {
+        std::string candidate = directory + "/" + path;
+        if (stat(HostPath(candidate).c_str(), &status) == 0) {
+          files.push_back(candidate);
+          found = true;
+          break;
+        }
+      }
+    }
+    if (!found) throw std::runtime_error("cannot read " + path + ": " + std::strerror(error));
+  }
+  std::sort(files.begin(), files.end());
+  files.erase(std::unique(files.begin(), files.end()), files.end());
+  return files;
 }
 
 std::string Plugin::SkippingMessage(const std::string& path, const std::exception& error) {

@@ -59,6 +59,11 @@ class Plugin {
   // Appends the plugin files of `directory` (a host path), unsorted: its regular
   // files whose names do not start with ".".
   static void ListPluginDirectory(const std::string& directory, std::vector<std::string>& paths);
+  // The plugin files that `paths` (host paths: files or directories of them) name,
+  // sorted and without repeats; none given, those of the two plugin directories. A
+  // name without "/" that is not there is looked up in the plugin directories. Throws
+  // std::runtime_error for a path that names nothing.
+  static std::vector<std::string> ListPluginFiles(const std::vector<std::string>& paths);
   // The line written to standard error for a file that cannot be loaded.
   static std::string SkippingMessage(const std::string& path, const std::exception& error);
 

@@ -1,10 +1,6 @@
 #include "lint.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <exception>
 #include <map>
 #include <tuple>
@@ -12,7 +8,6 @@
 #include <unordered_set>
 #include <utility>
 
-#include "platform/host_path.h"
 #include "plugin/plugin.h"
 
 namespace bootstrand::lint {
@@ -39,47 +34,13 @@ std::vector<std::string> Names(std::vector<const Plugin*> plugins, const Positio
   return names;
 }
 
-// The files to load, as host paths in the activator's order. A path that does not
-// exist as given and has no "/" is looked up in the plugin directories, as the
-// activator looks up the plugin names on its command line.
-std::vector<std::string> ListFiles(const std::vector<std::string>& given) {
-  std::vector<std::string> files;
-  if (given.empty()) {
-    for (const std::string& directory : Plugin::PluginDirectories()) Plugin::ListPluginDirectory(directory, files);
-  }
-  for (std::string path : given) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    struct stat status {};
-    if (path.empty()) throw UsageError("an empty path names no plugin");
-    if (stat(HostPath(path).c_str(), &status) == 0) {
-      if (S_ISDIR(status.st_mode)) {
-        Plugin::ListPluginDirectory(path, files);
-      } else {
-        files.push_back(path);
-      }
-      continue;
-    }
-    int error = errno;
-    bool found = false;
-    if (path.find('/') == std::string::npos) {
-      for (const std::string& directory : Plugin::PluginDirectories()) {
-        std::string candidate = directory + "/" + path;
-        if (stat(HostPath(candidate).c_str(), &status) == 0) {
-          files.push_back(candidate);
-          found = true;
-          break;
-        }
-      }
-    }
-    if (!found) throw UsageError("cannot read " + path + ": " + std::strerror(error));
-  }
-  std::sort(files.begin(), files.end());
-  files.erase(std::unique(files.begin(), files.end()), files.end());
-  return files;
-}
-
 void LoadFiles(const LintOptions& options, LintReport& report) {
-  std::vector<std::string> files = ListFiles(options.paths);
+  std::vector<std::string> files;
+  try {
+    files = Plugin::ListPluginFiles(options.paths);
+  } catch (const std::runtime_error& error) {
+    throw UsageError(error.what());
+  }
   if (options.paths.empty()) Plugin::LoadBuiltins();
   for (const std::string& path : files) {
     try {
