@@ -3,7 +3,6 @@
 // headless browser.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,20 +46,8 @@ std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory) {
 
 class Analyzer : public ::testing::Test {
  protected:
-  // Runs the analyzer with BOOTSTRAND_ROOT set to the host root; its output goes to
-  // the scratch directory, outside the root.
   RunResult Analyze(const std::vector<std::string>& arguments) {
-    std::string out = scratch.Path("/out");
-    std::string err = scratch.Path("/err");
-    std::string command = "BOOTSTRAND_ROOT=" + Quote(root.Root()) + " " + Quote(BOOTSTRAND_ANALYZE_BINARY);
-    for (const std::string& argument : arguments) command += " " + Quote(argument);
-    command += " </dev/null >" + Quote(out) + " 2>" + Quote(err);
-    int status = std::system(command.c_str());
-    RunResult result;
-    result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.out = ReadAll(out);
-    result.err = ReadAll(err);
-    return result;
+    return RunProgram(BOOTSTRAND_ANALYZE_BINARY, root, arguments);
   }
 
   void BootExampleTree() {
@@ -89,7 +76,7 @@ TEST_F(Analyzer, ReportsTheBootOfTheExampleTree) {
   BootExampleTree();
   auto before = Snapshot(root.Root());
   std::string svgPath = scratch.Path("/timeline.svg");
-  RunResult run = Analyze({"--json", "--top", "0", "--svg", svgPath, "--plugins", root.Path(kPluginDirectory)});
+  RunResult run = Analyze({"--json", "--top", "0", "--svg", svgPath, "--plugins", kPluginDirectory});
   ASSERT_EQ(run.exitStatus, 0) << run.err;
   EXPECT_EQ(run.err, "");
   EXPECT_EQ(Snapshot(root.Root()), before);
@@ -152,7 +139,7 @@ TEST_F(Analyzer, ReportsTheBootOfTheExampleTree) {
   EXPECT_EQ(labels, expected);
 
   // The text report of the same boot.
-  run = Analyze({"--plugins", root.Path(kPluginDirectory)});
+  run = Analyze({"--plugins", kPluginDirectory});
   ASSERT_EQ(run.exitStatus, 0) << run.err;
   EXPECT_NE(run.out.find("Plugins timed: 13 (12 activated, 1 failed)\n"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("  end-autoconf (activated)\n  The chain ran for "), std::string::npos) << run.out;
@@ -180,7 +167,7 @@ TEST_F(Analyzer, ExitStatusesForUsageAndUnreadableInputs) {
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
            {"--kernel-log", root.Path("/missing.log")},
            {"--alert-log", root.Path("/var/log")},
-           {"--plugins", root.Path("/missing")},
+           {"--plugins", "/missing"},
            {"--svg", root.Path("/no/such/directory/timeline.svg")}}) {
     run = Analyze(arguments);
     EXPECT_EQ(run.exitStatus, 1) << arguments.front() << run.err;

@@ -3,92 +3,24 @@
 // the activator can say the same, the test asks it too.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <filesystem>
 #include <random>
 #include <set>
-#include <thread>
 
 #include "main/startup.h"
 #include "support/host_root.h"
-
-extern char** environ;
 
 namespace bootstrand::testing {
 namespace {
 
 const std::string kFirst = "/usr/libexec/bootstrand/plugins/";
 
-struct LintRun {
-  int exitStatus = -1;
-  std::string out;
-  std::string err;
+struct LintRun : RunResult {
   nlohmann::json Json() const { return nlohmann::json::parse(out); }
 };
 
-std::string ReadBack(int fd) {
-  std::string text;
-  char buffer[4096];
-  lseek(fd, 0, SEEK_SET);
-  for (ssize_t count; (count = read(fd, buffer, sizeof buffer)) > 0;)
-    text.append(buffer, static_cast<std::size_t>(count));
-  close(fd);
-  return text;
-}
-
-// Runs the linter with BOOTSTRAND_ROOT set to `root`. Its output goes to anonymous
-// files rather than pipes, so nothing it writes can block it.
 LintRun RunLint(const HostRoot& root, const std::vector<std::string>& arguments) {
-  std::vector<std::string> variables = {"BOOTSTRAND_ROOT=" + root.Root()};
-  for (char** each = environ; *each != nullptr; ++each) {
-    if (std::string(*each).rfind("BOOTSTRAND_", 0) != 0) variables.push_back(*each);
-  }
-  std::vector<char*> envp;
-  for (std::string& variable : variables) envp.push_back(variable.data());
-  envp.push_back(nullptr);
-  std::vector<char*> argv = {const_cast<char*>(BOOTSTRAND_LINT_BINARY)};
-  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-
-  int out = memfd_create("lint-out", MFD_CLOEXEC);
-  int err = memfd_create("lint-err", MFD_CLOEXEC);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-  pid_t child = -1;
-  int spawned = posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  LintRun run;
-  if (spawned != 0) {
-    close(out);
-    close(err);
-    ADD_FAILURE() << "cannot run " << argv[0];
-    return run;
-  }
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  int status = 0;
-  while (waitpid(child, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(child, SIGKILL);
-      waitpid(child, &status, 0);
-      ADD_FAILURE() << "bootstrand-lint timed out";
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  if (WIFEXITED(status)) run.exitStatus = WEXITSTATUS(status);
-  run.out = ReadBack(out);
-  run.err = ReadBack(err);
-  return run;
+  return {RunProgram(BOOTSTRAND_LINT_BINARY, root, arguments)};
 }
 
 // Every file and directory under `directory`.

@@ -113,6 +113,11 @@ nlohmann::json JsonPlugin(const std::vector<std::string>& provides, const std::v
 
 RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& arguments,
                         const std::map<std::string, std::string>& environment, int timeoutSeconds) {
+  return RunProgram(BOOTSTRAND_BINARY, root, arguments, environment, timeoutSeconds);
+}
+
+RunResult RunProgram(const std::string& program, const HostRoot& root, const std::vector<std::string>& arguments,
+                     const std::map<std::string, std::string>& environment, int timeoutSeconds) {
   std::map<std::string, std::string> variables = {{"BOOTSTRAND_MAIN_MEMORY", "17179869184"}};
   for (char** each = environ; *each != nullptr; ++each) {
     std::string entry(*each);
@@ -126,7 +131,7 @@ RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& ar
   std::vector<std::string> entries;
   for (const auto& [name, value] : variables) entries.push_back(name + "=" + value);
 
-  std::vector<char*> argv = {const_cast<char*>(BOOTSTRAND_BINARY)};
+  std::vector<char*> argv = {const_cast<char*>(program.c_str())};
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   std::vector<char*> envp;

@@ -60,6 +60,10 @@ struct RunResult {
 RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& arguments,
                         const std::map<std::string, std::string>& environment = {}, int timeoutSeconds = 60);
 
+// Runs another program built here (an operator tool) the same way.
+RunResult RunProgram(const std::string& program, const HostRoot& root, const std::vector<std::string>& arguments,
+                     const std::map<std::string, std::string>& environment = {}, int timeoutSeconds = 60);
+
 // The index of `needle` in `lines`, or -1.
 int IndexOf(const std::vector<std::string>& lines, const std::string& needle);
 

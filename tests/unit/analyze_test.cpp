@@ -2,6 +2,7 @@
 // order and critical chain, and the bars of its SVG timeline.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -11,6 +12,7 @@
 #include "analyze/plugin_outcomes.h"
 #include "analyze/timeline_svg.h"
 #include "analyze/timing_log.h"
+#include "plugin/plugin.h"
 #include "support/test_plugin.h"
 
 namespace bootstrand::analyze {
@@ -182,9 +184,13 @@ TEST_F(AnalyzeOutcomesTest, BrokenEscapesAreReportedAndSkipped) {
   EXPECT_EQ(Of("w"), "unknown");
 }
 
-// Plugin files in a temporary directory, and a boot timed from them.
+// Plugin files in a temporary host root, read with the activator's loaders, and a
+// boot timed from them.
 class AnalyzeChainTest : public ::testing::Test {
  protected:
+  void SetUp() override { Plugin::ResetRegistries(); }
+  void TearDown() override { Plugin::ResetRegistries(); }
+
   void WritePlugin(const std::string& file, const std::string& contents) {
     std::ofstream(root.Path("/" + file)) << contents;
   }
@@ -194,9 +200,10 @@ class AnalyzeChainTest : public ::testing::Test {
     if (preemptive) metadata["preemptive_provider"] = true;
     WritePlugin(name + ".json", nlohmann::json{{"metadata", metadata}, {"operations", {{"start", {"x"}}}}}.dump());
   }
-  // Plugins as (name, start, end) in milliseconds.
+  // Plugins as (name, start, end) in milliseconds; the plugin files are read once.
   std::vector<std::string> Chain(const std::vector<std::tuple<std::string, int, int>>& timed) {
-    graph.Read(root.Root(), problems);
+    if (!loaded) graph.Load({"/"}, problems);
+    loaded = true;
     std::vector<TimedPlugin> plugins;
     for (const auto& [name, start, end] : timed) plugins.push_back({name, kBase + start * 1000, kBase + end * 1000});
     std::vector<std::string> names;
@@ -206,6 +213,7 @@ class AnalyzeChainTest : public ::testing::Test {
 
   ScopedRoot root;
   DependencyGraph graph;
+  bool loaded = false;
   Problems problems;
 };
 
@@ -231,17 +239,22 @@ TEST_F(AnalyzeChainTest, PreemptiveProvidersAndKindTagsHoldPluginsBack) {
             (std::vector<std::string>{"dhcp", "static-ip", "end-autoconf"}));
 }
 
-TEST_F(AnalyzeChainTest, UnreadableFilesAreReportedAndUndeclaredPluginsEndTheChain) {
-  WritePlugin("a", {"a"}, {"native"});
-  WritePlugin("b", {"b"}, {"a"});
+TEST_F(AnalyzeChainTest, NativePluginsAreReadAndUnloadableFilesReported) {
+  // The native api2 plugin requires "net" and provides "firewall".
+  std::filesystem::copy_file(std::string(BOOTSTRAND_TEST_PLUGIN_DIR) + "/api2.so", root.Path("/api2.so"));
+  WritePlugin("net", {"net"}, {});
+  WritePlugin("rules", {"rules"}, {"firewall"});
   WritePlugin("broken.json", "{\"metadata\": {\"provides\": [1], \"requires\": []}}");
-  WritePlugin("notes.txt", "not a plugin");
-  WritePlugin("libnet.so", "");
-  EXPECT_EQ(Chain({{"net", 0, 5}, {"a", 6, 7}, {"b", 8, 9}}), (std::vector<std::string>{"a", "b"}));
-  ASSERT_EQ(problems.size(), 1u);
-  EXPECT_EQ(problems[0].file, root.Path("/broken.json"));
-  EXPECT_EQ(graph.NativeFilesSkipped(), 1u);
-  EXPECT_THROW(graph.Read(root.Path("/missing.json"), problems), std::runtime_error);
+  WritePlugin("empty.so", "");
+  EXPECT_EQ(Chain({{"net", 0, 5}, {"api2", 6, 7}, {"rules", 8, 9}}),
+            (std::vector<std::string>{"net", "api2", "rules"}));
+  // A plugin that no file declares ends the chain where it stands.
+  EXPECT_EQ(Chain({{"net", 0, 5}, {"ghost", 6, 7}}), (std::vector<std::string>{"ghost"}));
+  ASSERT_EQ(problems.size(), 2u);
+  EXPECT_EQ(problems[0].file, "/broken.json");
+  EXPECT_EQ(problems[1].file, "/empty.so");
+  EXPECT_NE(problems[0].text.find("left out of the chain"), std::string::npos);
+  EXPECT_THROW(DependencyGraph().Load({"/missing.json"}, problems), std::runtime_error);
 }
 
 // An analysis of plugins given as (name, start, end) in milliseconds, in log order.

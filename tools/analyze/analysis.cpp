@@ -96,10 +96,6 @@ Analysis Analyze(TimingLog timing, const PluginOutcomes& outcomes, const Depende
     analysis.chainNotes.push_back("stops at " + plugins[analysis.chain->front()].name +
                                   ": no plugin file declares its tags");
   }
-  if (graph->NativeFilesSkipped() > 0) {
-    analysis.chainNotes.push_back(std::to_string(graph->NativeFilesSkipped()) +
-                                  " native plugin file(s) not read: their tags are inside the shared objects");
-  }
   return analysis;
 }
 

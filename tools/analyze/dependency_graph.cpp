@@ -1,80 +1,29 @@
 #include "analyze/dependency_graph.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
-#include <system_error>
+#include <exception>
 
-#include <nlohmann/json.hpp>
+#include "plugin/plugin.h"
 
 namespace bootstrand::analyze {
 
-namespace {
-
-constexpr const char* kJsonKindTag = "json plugins";
-
-bool IsKindTag(const std::string& tag) {
-  return tag == "json plugins" || tag == "native plugins" || tag == "builtin plugins";
-}
-
-// Adds the strings of `array` to `tags`; false when it is not an array of strings.
-bool AddTags(const nlohmann::json& object, const char* key, std::set<std::string>& tags) {
-  auto found = object.find(key);
-  if (found == object.end() || !found->is_array()) return false;
-  for (const nlohmann::json& tag : *found) {
-    if (!tag.is_string()) return false;
-    tags.insert(tag.get<std::string>());
+void DependencyGraph::Load(const std::vector<std::string>& paths, Problems& problems) {
+  Plugin::RecordRunOnce(false);
+  std::vector<std::string> files = Plugin::ListPluginFiles(paths);
+  Plugin::LoadBuiltins();
+  for (const std::string& file : files) {
+    try {
+      Plugin::LoadPlugin(file);
+    } catch (const std::exception& error) {
+      problems.push_back({file, 0, std::string("not loaded, left out of the chain: ") + error.what()});
+    }
   }
-  return true;
-}
-
-}  // namespace
-
-DependencyGraph::DependencyGraph() {
-  plugins_["end-autoconf"] = {{"json plugins", "native plugins"}, {"builtin plugins"}, false};
-}
-
-void DependencyGraph::Read(const std::string& path, Problems& problems) {
-  std::error_code error;
-  if (!std::filesystem::is_directory(path, error)) {
-    ReadFile(path, problems);
-    return;
+  for (const Plugin* plugin : Plugin::plugins) {
+    PluginDeclaration& known = plugins_[plugin->name];
+    known.provides.insert(plugin->provides.begin(), plugin->provides.end());
+    known.requires_.insert(plugin->requires_.begin(), plugin->requires_.end());
+    known.preemptive = known.preemptive || plugin->preemptive;
   }
-  std::vector<std::string> files;
-  for (std::filesystem::directory_iterator each(path, error), end; !error && each != end; each.increment(error)) {
-    std::string extension = each->path().extension().string();
-    if (extension == ".json") files.push_back(each->path().string());
-    if (extension == ".so") ++nativeFilesSkipped_;
-  }
-  if (error) throw std::runtime_error("cannot list " + path + ": " + error.message());
-  std::sort(files.begin(), files.end());
-  for (const std::string& file : files) ReadFile(file, problems);
-}
-
-void DependencyGraph::ReadFile(const std::string& path, Problems& problems) {
-  std::ifstream input(path);
-  if (!input) throw std::runtime_error("cannot read " + path);
-  // The plugin's name is the file name without its last extension, as the loader
-  // names it.
-  std::string name = std::filesystem::path(path).stem().string();
-  nlohmann::json root = nlohmann::json::parse(input, nullptr, false);
-  PluginDeclaration declaration;
-  declaration.provides.insert(kJsonKindTag);
-  const nlohmann::json* metadata = nullptr;
-  if (root.is_object() && root.contains("metadata") && root["metadata"].is_object()) metadata = &root["metadata"];
-  if (metadata == nullptr || !AddTags(*metadata, "provides", declaration.provides) ||
-      !AddTags(*metadata, "requires", declaration.requires_)) {
-    problems.push_back({path, 0, "no metadata with provides and requires lists, left out of the chain"});
-    return;
-  }
-  auto preemptive = metadata->find("preemptive_provider");
-  declaration.preemptive = preemptive != metadata->end() && preemptive->is_boolean() && preemptive->get<bool>();
-
-  PluginDeclaration& known = plugins_[name];
-  known.provides.insert(declaration.provides.begin(), declaration.provides.end());
-  known.requires_.insert(declaration.requires_.begin(), declaration.requires_.end());
-  known.preemptive = known.preemptive || declaration.preemptive;
 }
 
 const PluginDeclaration* DependencyGraph::Find(const std::string& name) const {
@@ -92,7 +41,7 @@ std::vector<std::size_t> CriticalChain(const std::vector<TimedPlugin>& plugins, 
     if (declaration == nullptr) continue;
     for (const std::string& tag : declaration->provides) {
       providers[tag].push_back(i);
-      if (declaration->preemptive && !IsKindTag(tag)) preemptiveProviders[tag].push_back(i);
+      if (declaration->preemptive && Plugin::kindTags.count(tag) == 0) preemptiveProviders[tag].push_back(i);
     }
   }
 

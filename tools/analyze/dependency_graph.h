@@ -1,6 +1,7 @@
-// The tags that plugins require and provide, read from their JSON plugin files
-// without loading them (so nothing on the host is touched), and the critical chain
-// of a boot through them. The built-in "end-autoconf" plugin is always known.
+// The tags that plugins require and provide, read with the activator's own loaders
+// (JSON and native plugin files alike, and the built-in "end-autoconf"), and the
+// critical chain of a boot through them. Loading activates nothing and leaves the
+// run-once marker alone.
 #pragma once
 
 #include <optional>
@@ -22,26 +23,20 @@ struct PluginDeclaration {
 
 class DependencyGraph {
  public:
-  DependencyGraph();
-
-  // Reads one JSON plugin file, or every ".json" file of a directory. Throws
-  // std::runtime_error when the path cannot be read; a file that the activator would
-  // not load either is reported in `problems` and left out.
-  void Read(const std::string& path, Problems& problems);
+  // Loads the built-in plugin and the plugin files that `paths` name (host paths:
+  // files or directories; none: the two plugin directories) into the process-wide
+  // plugin registries, and takes every registered plugin's tags. Throws
+  // std::runtime_error for a path that names nothing; a file the activator would
+  // skip is reported in `problems` and left out.
+  void Load(const std::vector<std::string>& paths, Problems& problems);
 
   // The declaration of the plugin called `name`, or nullptr. Plugins that share a
   // name (the same file name in both plugin directories) share one declaration
   // holding the tags of both.
   const PluginDeclaration* Find(const std::string& name) const;
 
-  // Native plugin files seen in directories; their tags live in the shared object.
-  std::size_t NativeFilesSkipped() const { return nativeFilesSkipped_; }
-
  private:
-  void ReadFile(const std::string& path, Problems& problems);
-
   std::unordered_map<std::string, PluginDeclaration> plugins_;
-  std::size_t nativeFilesSkipped_ = 0;
 };
 
 // The chain that ends last: the plugin that finished last, the plugin it waited for,

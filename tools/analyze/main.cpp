@@ -20,6 +20,7 @@
 #include "analyze/plugin_outcomes.h"
 #include "analyze/timeline_svg.h"
 #include "analyze/timing_log.h"
+#include "log/channels.h"
 #include "platform/host_path.h"
 #include "platform/trove.h"
 #include "platform/unique_fd.h"
@@ -41,8 +42,9 @@ constexpr const char* kUsage =
     "  --kernel-log FILE    kernel-channel sink (default /var/run/trove/system.log.log)\n"
     "  --alert-log FILE     alert-channel sink, which reports plain activation failures\n"
     "                       (default /var/run/trove/system.sysAlert.log)\n"
-    "  --plugins [PATH...]  JSON plugin files or directories, for the critical chain;\n"
-    "                       takes the arguments up to the next option; without a PATH,\n"
+    "  --plugins [PATH...]  plugin files or directories, read as bootstrand reads them,\n"
+    "                       for the critical chain; takes the arguments up to the next\n"
+    "                       option; host paths, under BOOTSTRAND_ROOT; without a PATH,\n"
     "                       the host's two plugin directories\n"
     "  --svg FILE           also write the timeline as an SVG image to FILE\n"
     "  --top N              list the N slowest plugins (default 10, 0 for all)\n"
@@ -181,16 +183,11 @@ int Run(const Options& options) {
 
   std::optional<DependencyGraph> graph;
   if (options.plugins) {
-    graph.emplace();
-    std::vector<std::string> paths = *options.plugins;
-    if (paths.empty()) {
-      for (const char* directory : {"/usr/libexec/bootstrand/plugins", "/usr/libexec/bootstrand/plugins2"}) {
-        std::string path = bootstrand::HostPath(directory);
-        if (access(path.c_str(), F_OK) == 0) paths.push_back(path);
-      }
-    }
+    // Nothing here writes to the message channels; this keeps it so should a loader
+    // ever report through them.
+    bootstrand::DeactivateKernelLog();
     try {
-      for (const std::string& path : paths) graph->Read(path, problems);
+      graph.emplace().Load(*options.plugins, problems);
     } catch (const std::runtime_error& error) {
       throw InputError(error.what());
     }
