@@ -140,6 +140,11 @@ std::string Plugin::SkippingMessage(const std::string& path, const std::exceptio
 }
 
 void Plugin::LoadPlugin(const std::string& path) {
+  // Reading a pipe or a device as a plugin could block the boot for good.
+  struct stat status {};
+  if (stat(HostPath(path).c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+    throw Exception("not a regular file");
+  }
   if (path.size() > 2 && EndsWith(path, ".so")) {
     LoadNativePlugin(path);
   } else if (path.size() > 4 && EndsWith(path, ".json")) {

@@ -1,8 +1,10 @@
 // Faults injected into whole boots of the real binary: workers that die mid-plugin,
-// native plugins that end their process, commands that ignore signals, and host
-// files or folders that cannot be used. Every boot must end, report the fault and
+// native plugins that end their process, commands that ignore signals, pipes named as
+// plugins, and host files or folders that cannot be used. Every boot must end, report the fault and
 // let the other plugins run.
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -106,6 +108,23 @@ TEST_F(Faults, HostFilesThatCannotBeWrittenDoNotStopTheBoot) {
     EXPECT_EQ(fresh.Lines("/order.log"), (std::vector<std::string>{"--name=a", "--name=b"})) << each.name;
     EXPECT_TRUE(fresh.Channel("alert").empty()) << each.name;
   }
+}
+
+TEST_F(Faults, PipesNamedAsPluginsAreSkippedRatherThanWaitedFor) {
+  root.WritePlugin("a.json", JsonPlugin({"a"}, {}, {"mark --name a"}));
+  for (const char* pipe : {"/usr/libexec/bootstrand/plugins/p.json", "/q.so"}) {
+    ASSERT_EQ(mkfifo(root.Path(pipe).c_str(), 0644), 0);
+  }
+  RunResult run = RunBootstrand(root, {"--plugin", "a.json,p.json,/q.so"}, {}, 20);
+  ASSERT_EQ(run.exitStatus, 0) << run.err;
+  EXPECT_NE(run.err.find("Skipping /usr/libexec/bootstrand/plugins/p.json: not a regular file\n"), std::string::npos);
+  EXPECT_NE(run.err.find("Skipping /q.so: not a regular file\n"), std::string::npos);
+  EXPECT_EQ(Order(), (std::vector<std::string>{"--name=a"}));
+#ifdef BOOTSTRAND_LINT_BINARY
+  RunResult lint = RunProgram(BOOTSTRAND_LINT_BINARY, root, {"/q.so"}, {}, 20);
+  EXPECT_EQ(lint.exitStatus, 0);
+  EXPECT_EQ(lint.out.substr(0, lint.out.find('\n')), "Skipping /q.so: not a regular file");
+#endif
 }
 
 TEST_F(Faults, MissingOrUnusableCommandFoldersFailEachCommandClearly) {
