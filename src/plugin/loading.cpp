@@ -26,6 +26,16 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
+// `name` in the first plugin directory that holds it; "" when none does.
+std::string FindInPluginDirectories(const std::string& name) {
+  for (const std::string& directory : Plugin::PluginDirectories()) {
+    std::string path = directory + "/" + name;
+    struct stat status {};
+    if (stat(HostPath(path).c_str(), &status) == 0) return path;
+  }
+  return "";
+}
+
 std::vector<std::string> ListPlugins(const std::unordered_set<std::string>& names) {
   std::vector<std::string> paths;
   if (names.empty()) {
@@ -37,17 +47,9 @@ std::vector<std::string> ListPlugins(const std::unordered_set<std::string>& name
       paths.push_back(name);
       continue;
     }
-    bool found = false;
-    for (const std::string& directory : Plugin::PluginDirectories()) {
-      std::string path = directory + "/" + name;
-      struct stat status {};
-      if (stat(HostPath(path).c_str(), &status) == 0) {
-        paths.push_back(path);
-        found = true;
-        break;
-      }
-    }
-    if (!found) throw Exception("Cannot find plugin '%s'", name.c_str());
+    std::string path = FindInPluginDirectories(name);
+    if (path.empty()) throw Exception("Cannot find plugin '%s'", name.c_str());
+    paths.push_back(path);
   }
   return paths;
 }
@@ -117,18 +119,9 @@ std::vector<std::string> Plugin::ListPluginFiles(const std::vector<std::string>&
       continue;
     }
     int error = errno;
-    bool found = false;
-    if (path.find('/') == std::string::npos) {
-      for (const std::string& directory : PluginDirectories()) {
-        std::string candidate = directory + "/" + path;
-        if (stat(HostPath(candidate).c_str(), &status) == 0) {
-          files.push_back(candidate);
-          found = true;
-          break;
-        }
-      }
-    }
-    if (!found) throw std::runtime_error("cannot read " + path + ": " + std::strerror(error));
+    std::string found = path.find('/') == std::string::npos ? FindInPluginDirectories(path) : "";
+    if (found.empty()) throw std::runtime_error("cannot read " + path + ": " + std::strerror(error));
+    files.push_back(found);
   }
   std::sort(files.begin(), files.end());
   files.erase(std::unique(files.begin(), files.end()), files.end());

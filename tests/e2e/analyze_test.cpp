@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 
 #include "support/host_root.h"
 
@@ -26,22 +25,6 @@ std::string Quote(const std::string& text) {
   std::string quoted = "'";
   for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return quoted + "'";
-}
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream file(path);
-  std::stringstream contents;
-  contents << file.rdbuf();
-  return contents.str();
-}
-
-// Every path under `directory` with its size, to see that a run changed nothing.
-std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory) {
-  std::map<std::string, std::uintmax_t> files;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
-    files[entry.path().string()] = entry.is_regular_file() ? entry.file_size() : 0;
-  }
-  return files;
 }
 
 class Analyzer : public ::testing::Test {
@@ -126,7 +109,7 @@ TEST_F(Analyzer, ReportsTheBootOfTheExampleTree) {
   }
 
   // The timeline has one bar per plugin, in the same order.
-  std::string svg = ReadAll(svgPath);
+  std::string svg = scratch.ReadFile("/timeline.svg");
   std::vector<std::string> labels;
   for (std::size_t at = svg.find("text-anchor=\"end\">"); at != std::string::npos;
        at = svg.find("text-anchor=\"end\">", at + 1)) {
@@ -229,7 +212,7 @@ TEST_F(Analyzer, TimelineRendersInAHeadlessBrowser) {
   };
   std::string dom = scratch.Path("/dom.txt");
   ASSERT_EQ(chromium("--dump-dom", svgPath, dom), 0);
-  std::string document = ReadAll(dom);
+  std::string document = scratch.ReadFile("/dom.txt");
   EXPECT_EQ(document.find("parsererror"), std::string::npos) << document.substr(0, 2000);
   std::size_t bars = 0;
   for (std::size_t at = document.find("class=\"bar "); at != std::string::npos;
@@ -242,7 +225,7 @@ TEST_F(Analyzer, TimelineRendersInAHeadlessBrowser) {
   std::string blankPng = scratch.Path("/blank.png");
   ASSERT_EQ(chromium("--window-size=600,300 --screenshot=" + Quote(png), svgPath, "/dev/null"), 0);
   ASSERT_EQ(chromium("--window-size=600,300 --screenshot=" + Quote(blankPng), blankPath, "/dev/null"), 0);
-  std::string picture = ReadAll(png);
+  std::string picture = scratch.ReadFile("/timeline.png");
   ASSERT_GT(picture.size(), 24u);
   EXPECT_EQ(picture.substr(0, 8), "\x89PNG\r\n\x1a\n");
   // The header chunk: width and height, big-endian, at bytes 16 and 20.
@@ -252,7 +235,7 @@ TEST_F(Analyzer, TimelineRendersInAHeadlessBrowser) {
   };
   EXPECT_EQ(number(16), 600u);
   EXPECT_EQ(number(20), 300u);
-  EXPECT_GT(picture.size(), 4 * ReadAll(blankPng).size());
+  EXPECT_GT(picture.size(), 4 * scratch.ReadFile("/blank.png").size());
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <random>
-#include <set>
 
 #include "main/startup.h"
 #include "support/host_root.h"
@@ -21,15 +20,6 @@ struct LintRun : RunResult {
 
 LintRun RunLint(const HostRoot& root, const std::vector<std::string>& arguments) {
   return {RunProgram(BOOTSTRAND_LINT_BINARY, root, arguments)};
-}
-
-// Every file and directory under `directory`.
-std::set<std::string> Listing(const std::string& directory) {
-  std::set<std::string> entries;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
-    entries.insert(entry.path().string());
-  }
-  return entries;
 }
 
 nlohmann::json Preemptive() { return {{"version", 5}, {"run_once", false}, {"preemptive_provider", true}}; }
@@ -57,9 +47,9 @@ std::vector<std::string> WaveOrder(const nlohmann::json& report) {
 // root: no run-once marker, no channel sink, no log.
 LintRun LintIn(const HostRoot& root, const std::vector<std::string>& arguments) {
   root.WriteFile("/.runonce", "bootstrand.run-once=earlier-boot");
-  std::set<std::string> before = Listing(root.Root());
+  auto before = Snapshot(root.Root());
   LintRun run = RunLint(root, arguments);
-  EXPECT_EQ(Listing(root.Root()), before);
+  EXPECT_EQ(Snapshot(root.Root()), before);
   EXPECT_EQ(root.ReadFile("/.runonce"), "bootstrand.run-once=earlier-boot");
   return run;
 }

@@ -193,6 +193,14 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
   return result;
 }
 
+std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory) {
+  std::map<std::string, std::uintmax_t> files;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+    files[entry.path().string()] = entry.is_regular_file() ? entry.file_size() : 0;
+  }
+  return files;
+}
+
 int IndexOf(const std::vector<std::string>& lines, const std::string& needle) {
   auto found = std::find(lines.begin(), lines.end(), needle);
   return found == lines.end() ? -1 : static_cast<int>(found - lines.begin());

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -63,6 +64,10 @@ RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& ar
 // Runs another program built here (an operator tool) the same way.
 RunResult RunProgram(const std::string& program, const HostRoot& root, const std::vector<std::string>& arguments,
                      const std::map<std::string, std::string>& environment = {}, int timeoutSeconds = 60);
+
+// Every path under `directory` with its size (0 for folders), to see that a run
+// created, removed or resized nothing.
+std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory);
 
 // The index of `needle` in `lines`, or -1.
 int IndexOf(const std::vector<std::string>& lines, const std::string& needle);
