@@ -11,6 +11,7 @@
 #include "platform/host_log.h"
 #include "platform/host_path.h"
 #include "platform/product_state.h"
+#include "platform/standard_streams.h"
 
 void init_logging(const char* id) {
   std::fflush(stdout);
@@ -54,13 +55,8 @@ void init_fds(const char* path) {
   int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   if (null < 0) {
     Warning("Failed opening /dev/null");
-  } else {
-    if (null == STDIN_FILENO) {
-      fcntl(null, F_SETFD, 0);  // standard input had been closed; keep the new one open
-    } else {
-      if (dup2(null, STDIN_FILENO) < 0) Warning("Failed redirecting stdin to /dev/null");
-      close(null);
-    }
+  } else if (!bootstrand::RedirectOnto(null, STDIN_FILENO)) {
+    Warning("Failed redirecting stdin to /dev/null");
   }
   std::string hostPath = bootstrand::HostPath(path);
   int log = open(hostPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
@@ -68,6 +64,9 @@ void init_fds(const char* path) {
     Warning("Failed opening log file %s", path);
     return;
   }
+  // The log lands on standard output or error when that one was closed; it must
+  // then lose close-on-exec like the copies below, or commands lose the stream.
+  if (log <= STDERR_FILENO) fcntl(log, F_SETFD, 0);
   if (dup2(log, STDOUT_FILENO) != STDOUT_FILENO) Warning("Failed redirecting stdout to %s", path);
   if (dup2(log, STDERR_FILENO) != STDERR_FILENO) Warning("Failed redirecting stderr to %s", path);
   if (log > STDERR_FILENO) close(log);

@@ -17,6 +17,7 @@
 #include "log/channels.h"
 #include "log/profile.h"
 #include "platform/host_path.h"
+#include "platform/standard_streams.h"
 #include "plugin/exception.h"
 #include "plugin/plugin.h"
 
@@ -92,7 +93,7 @@ bool Worker::Spawn(bool dryRun) {
   try {
     new Worker(dryRun);  // owned by the pool from its constructor on
   } catch (const Exception& error) {
-    std::cerr << "Worker (" << pool.workers.size() << ") " << error.what() << std::endl;
+    WriteLine(STDERR_FILENO, "Worker (" + std::to_string(pool.workers.size()) + ") " + error.what());
     return false;
   }
   return true;
@@ -135,16 +136,10 @@ Worker::Worker(bool dryRun) {
   signal(SIGPIPE, SIG_DFL);
   if (!dryRun) {
     int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (null >= 0 && null != STDIN_FILENO) {
-      dup2(null, STDIN_FILENO);
-      close(null);
-    }
+    if (null >= 0) RedirectOnto(null, STDIN_FILENO);
     std::string logPath = HostPath("/var/log/bootstrand-stdout.log");
     int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (log >= 0 && log != STDOUT_FILENO) {
-      dup2(log, STDOUT_FILENO);
-      close(log);
-    }
+    if (log >= 0) RedirectOnto(log, STDOUT_FILENO);
     dup2(STDOUT_FILENO, STDERR_FILENO);
   }
   close(request[1]);
@@ -171,10 +166,10 @@ void Worker::RunWorkerLoop(bool dryRun) {
     try {
       succeeded = request.plugin->Activate(request.flags);
     } catch (const std::exception& error) {
-      std::cerr << request.plugin->name << ": uncaught exception: " << error.what() << std::endl;
+      WriteLine(STDERR_FILENO, request.plugin->name + ": uncaught exception: " + error.what());
       std::exit(kUncaughtExceptionStatus);
     } catch (...) {
-      std::cerr << request.plugin->name << ": uncaught exception" << std::endl;
+      WriteLine(STDERR_FILENO, request.plugin->name + ": uncaught exception");
       std::exit(kUncaughtExceptionStatus);
     }
     WorkerResponse response {request.plugin, succeeded ? 0 : 1, 0};
@@ -229,15 +224,16 @@ PluginResult Worker::Result() {
   std::string who = plugin != nullptr ? plugin->name : "idle worker " + std::to_string(pid);
   std::int32_t status = 1;
   if (waited >= 0) {
+    // Dry-run workers share standard output: each line goes out in one write.
     if (WIFEXITED(waitStatus)) {
       status = WEXITSTATUS(waitStatus);
-      if (status != 0) std::cout << who << ": exited with code " << status << std::endl;
+      if (status != 0) WriteLine(STDOUT_FILENO, who + ": exited with code " + std::to_string(status));
     } else if (WIFSIGNALED(waitStatus)) {
       status = WTERMSIG(waitStatus);
-      std::cout << who << ": exited with signal " << status << std::endl;
+      WriteLine(STDOUT_FILENO, who + ": exited with signal " + std::to_string(status));
     } else {
       status = -1;
-      std::cout << who << ": exited <unknown failure>" << std::endl;
+      WriteLine(STDOUT_FILENO, who + ": exited <unknown failure>");
     }
   }
   throw WorkerException(plugin, status);

@@ -137,6 +137,10 @@ TEST(CommandLine, RunOnceMarkerIsEmptiedInEveryMode) {
   root.WritePlugin("c.json", JsonPlugin({"z"}, {}, {"c"}));
   RunBootstrand(root, {"--tags"});
   EXPECT_EQ(root.ReadFile("/.runonce"), "bootstrand.run-once=a1.0,b");
+  // Started with standard output and error closed, the marker must not take their
+  // descriptors and collect the query's lines.
+  RunProgram("/bin/sh", root, {"-c", "exec \"$0\" --requires >&- 2>&-", BOOTSTRAND_BINARY});
+  EXPECT_EQ(root.ReadFile("/.runonce"), "bootstrand.run-once=a1.0,b");
   RunBootstrand(root, {"-h"});
   EXPECT_EQ(root.ReadFile("/.runonce"), "");
 }

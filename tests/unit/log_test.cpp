@@ -1,15 +1,18 @@
-// The message channels' buffer semantics, Color, and the timing log's formats.
+// The message channels' buffer semantics, Color, the timing log's formats and the
+// redirection of the standard streams.
 #include <gtest/gtest.h>
 
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
 #include "log/channels.h"
 #include "log/color.h"
+#include "log/process_logging.h"
 #include "log/profile.h"
 #include "log/trove_buffer.h"
 #include "platform/trove.h"
@@ -116,6 +119,22 @@ TEST(ProfileTest, WritesStartLinePluginLinesAndSummaryInTheCreatingProcessOnly) 
   EXPECT_EQ(all[3], "=== Bootstrand configuration info ===");
   EXPECT_EQ(all[4].rfind(" Start: ", 0), 0u);
   EXPECT_EQ(all[5].rfind(" End: ", 0), 0u);
+}
+
+TEST(InitFds, AStandardStreamThatWasClosedStillReachesTheProgramsStartedAfterwards) {
+  ScopedRoot root;
+  std::fflush(nullptr);
+  pid_t child = fork();
+  if (child == 0) {
+    // The log file opens on the free descriptor 1 and must lose close-on-exec there.
+    close(STDOUT_FILENO);
+    init_fds("/var/log/out.log");
+    execl("/bin/sh", "sh", "-c", "echo reached", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(root.Read("/var/log/out.log"), "reached\n");
 }
 
 }  // namespace
