@@ -1,5 +1,7 @@
 #include "kinds/cormcli.h"
 
+#include <unistd.h>
+
 #include <iostream>
 #include <list>
 #include <memory>
@@ -8,6 +10,7 @@
 #include "platform/kitbag/command_io.h"
 #include "platform/kitbag/dispatcher.h"
 #include "platform/kitbag/option_parser.h"
+#include "platform/standard_streams.h"
 
 namespace bootstrand {
 
@@ -29,7 +32,7 @@ std::string FormatTiming(const timeval& start, const timeval& end, const std::st
   }
   std::string fraction = std::to_string(microseconds);
   fraction.insert(0, fraction.size() < 6 ? 6 - fraction.size() : 0, '0');
-  return std::to_string(seconds) + "." + fraction + " cormcli " + command + "\n";
+  return std::to_string(seconds) + "." + fraction + " cormcli " + command;
 }
 
 // The dispatcher is created by the first executor of the process (the first JSON
@@ -62,7 +65,8 @@ void Cormcli::Execute(const std::string& command, bool dryRun, bool timeOps) {
   if (timeOps) {
     timeval end {};
     gettimeofday(&end, nullptr);
-    std::cout << FormatTiming(start, end, command);
+    // Every worker appends to the same log: the record goes out in one write.
+    WriteLine(STDOUT_FILENO, FormatTiming(start, end, command));
   }
   if (output->HasError()) throw CormcliException(command, "execute", output->GetErrors());
 }

@@ -45,7 +45,7 @@ class Cormcli {
 };
 
 // The timing record of a command that ran from `start` to `end`:
-// "<seconds>.<microseconds, 6 digits> cormcli <command>\n".
+// "<seconds>.<microseconds, 6 digits> cormcli <command>", without a newline.
 std::string FormatTiming(const timeval& start, const timeval& end, const std::string& command);
 
 }  // namespace bootstrand

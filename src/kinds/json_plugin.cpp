@@ -1,5 +1,7 @@
 #include "kinds/json_plugin.h"
 
+#include <unistd.h>
+
 #include <cmath>
 #include <fstream>
 #include <iostream>
@@ -9,6 +11,7 @@
 #include "platform/host_log.h"
 #include "platform/host_path.h"
 #include "platform/jsonxx.h"
+#include "platform/standard_streams.h"
 
 namespace bootstrand {
 
@@ -112,7 +115,8 @@ bool JsonPlugin::Activate(ActivateFlags flags) {
   bool hostProfile = ApplyHostProfiles(flags, hostProfileOperations);
   const std::vector<std::string>& operations = hostProfile ? applyHostProfileOperations : startOperations;
   const char* label = hostProfile ? "apply_host_profile" : "start";
-  if (IsDryRun(flags)) std::cout << name << ": start" << std::endl;
+  // Dry-run workers share the scheduler's standard output: one write per line.
+  if (IsDryRun(flags)) WriteLine(STDOUT_FILENO, name + ": start");
   KernelLog() << "Applying " << label << " on plugin " << name << std::endl;
   if (preemptive && IsPreemptivePluginsDisabled(flags)) {
     KernelLog() << "Plugin " << name << " skipped." << std::endl;

@@ -1,6 +1,7 @@
 #include "kinds/native_plugin.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <exception>
 #include <iostream>
@@ -10,6 +11,7 @@
 #include "log/process_logging.h"
 #include "platform/host_log.h"
 #include "platform/host_path.h"
+#include "platform/standard_streams.h"
 
 namespace bootstrand {
 
@@ -81,7 +83,7 @@ NativePlugin::NativePlugin(const std::string& path) : Plugin(NameFromPath(path),
 
 bool NativePlugin::Activate(ActivateFlags flags) {
   if (IsDryRun(flags)) {
-    std::cout << name << ": start" << std::endl;
+    WriteLine(STDOUT_FILENO, name + ": start");
     return false;
   }
   try {

@@ -1,10 +1,13 @@
 #include "log/channels.h"
 
+#include <unistd.h>
+
 #include <iostream>
 
 #include "log/color.h"
 #include "log/trove_buffer.h"
 #include "platform/trove.h"
+#include "platform/standard_streams.h"
 
 namespace bootstrand {
 
@@ -64,7 +67,7 @@ int TroveBuffer::sync() {
     char scratch[64];
     std::size_t scratchSize = sizeof scratch;
     if (Trove_CheckSig(scratch, &scratchSize, 21) != 0) {
-      std::cerr << "Trove signature mismatch" << std::endl;
+      WriteLine(STDERR_FILENO, "Trove signature mismatch");
       return -1;
     }
     checkSig = false;
@@ -72,14 +75,14 @@ int TroveBuffer::sync() {
   int result = 0;
   Trove_ParamList* list = Trove_ParamListCreate(0, 1);
   if (list == nullptr) {
-    std::cerr << "Failed to create Trove param list." << std::endl;
+    WriteLine(STDERR_FILENO, "Failed to create Trove param list.");
     result = -1;
   } else {
     if (Trove_ParamListAddString(list, line.c_str()) != 0) {
-      std::cerr << "Failed to add Trove input string." << std::endl;
+      WriteLine(STDERR_FILENO, "Failed to add Trove input string.");
       result = -1;
     } else if (Trove_Set(node, 0, list, 0, 0) != 0) {
-      std::cerr << "Failed to set Trove node." << std::endl;
+      WriteLine(STDERR_FILENO, "Failed to set Trove node.");
       result = -1;
     }
     Trove_ParamListDestroy(list);

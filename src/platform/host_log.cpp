@@ -13,6 +13,7 @@
 #include <string>
 
 #include "platform/forced_failure.h"
+#include "platform/standard_streams.h"
 #include "platform/str_format.h"
 
 struct LogOutput {
@@ -88,12 +89,11 @@ void Emit(int level, const char* format, va_list arguments) {
   if (state.stdoutOutput && level <= state.stdoutOutput->maximumLevel) {
     std::string line;
     if (state.stdoutOutput->timeStamps) line = TimeStamp(state.stdoutOutput->milliseconds) + " ";
-    line += state.stdoutOutput->id + "[" + std::to_string(getpid()) + "]: " + LevelName(level) + " " + message + "\n";
-    std::fflush(stdout);
-    std::fputs(line.c_str(), stdout);
-    std::fflush(stdout);
+    line += state.stdoutOutput->id + "[" + std::to_string(getpid()) + "]: " + LevelName(level) + " " + message;
+    // Workers share their log files: each line in one write.
+    bootstrand::WriteLine(STDOUT_FILENO, line);
   }
-  if (state.stderrCopy) std::fprintf(stderr, "%s: %s\n", LevelName(level), message.c_str());
+  if (state.stderrCopy) bootstrand::WriteLine(STDERR_FILENO, std::string(LevelName(level)) + ": " + message);
 }
 
 }  // namespace

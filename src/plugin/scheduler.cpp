@@ -13,6 +13,7 @@
 #include "platform/host_path.h"
 #include "plugin/plugin.h"
 #include "worker/worker.h"
+#include "platform/standard_streams.h"
 
 namespace bootstrand {
 
@@ -174,7 +175,7 @@ void Plugin::UpdateHostProfileBarrier(ActivateFlags& flags) {
 bool Plugin::ApplyHostProfiles(ActivateFlags& flags, bool wanted) {
   if (!wanted) return false;
   if (flags & ActivateFlag::HostProfileBarrier) {
-    std::cerr << "Plugin tries to execute before host profile requirement." << std::endl;
+    WriteLine(STDERR_FILENO, "Plugin tries to execute before host profile requirement.");
     return false;
   }
   return (flags & ActivateFlag::HostProfilePresent) != 0;

@@ -201,6 +201,8 @@ TEST_F(Activation, ADryRunShowsThePluginsAndExecutesNothing) {
   EXPECT_EQ(run.out.find("a: start\n") != std::string::npos && run.out.find("b: start\n") != std::string::npos,
             true)
       << run.out;
+  // Dry-run workers share standard output: each line must leave in one write.
+  for (const std::string& write : run.outWrites) EXPECT_EQ(write.find('\n'), write.size() - 1) << write;
   EXPECT_TRUE(Order().empty());
   EXPECT_FALSE(root.Exists("/var/lib/configstore/calls.log"));
   // The command that does not parse still fails the plugin in a dry run.

@@ -118,7 +118,9 @@ RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& ar
 
 RunResult RunProgram(const std::string& program, const HostRoot& root, const std::vector<std::string>& arguments,
                      const std::map<std::string, std::string>& environment, int timeoutSeconds) {
-  std::map<std::string, std::string> variables = {{"BOOTSTRAND_MAIN_MEMORY", "17179869184"}};
+  // Never the machine's own console: the prompt switches virtual terminals on it.
+  std::map<std::string, std::string> variables = {{"BOOTSTRAND_MAIN_MEMORY", "17179869184"},
+                                                   {"BOOTSTRAND_CONSOLE", "/dev/null"}};
   for (char** each = environ; *each != nullptr; ++each) {
     std::string entry(*each);
     std::size_t equals = entry.find('=');
@@ -140,7 +142,8 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
 
   int out[2];
   int err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  // Standard output is a packet pipe, so that each write arrives as one read.
+  if (pipe2(out, O_CLOEXEC | O_DIRECT) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
   pid_t child = fork();
   if (child == 0) {
     int null = open("/dev/null", O_RDONLY);
@@ -179,6 +182,7 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
         --open;
       } else {
         (entry.fd == out[0] ? result.out : result.err).append(buffer, static_cast<std::size_t>(count));
+        if (entry.fd == out[0]) result.outWrites.emplace_back(buffer, static_cast<std::size_t>(count));
       }
     }
   }

@@ -53,11 +53,13 @@ struct RunResult {
   int signal = 0;
   bool timedOut = false;
   std::string out;
+  std::vector<std::string> outWrites;  // `out` as the program wrote it, one element per write
   std::string err;
 };
 
 // Runs the bootstrand binary in `root` with `arguments`. The environment gets
-// BOOTSTRAND_ROOT and, unless `environment` says otherwise, 16 GiB of main memory.
+// BOOTSTRAND_ROOT and, unless `environment` says otherwise, 16 GiB of main memory and
+// "/dev/null" as the console device.
 RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& arguments,
                         const std::map<std::string, std::string>& environment = {}, int timeoutSeconds = 60);
 

@@ -24,4 +24,14 @@ bool ReadUntil(int fd, std::string& output, Clock::time_point deadline,
   return true;
 }
 
+bool ReadWrites(int fd, std::vector<std::string>& writes, Clock::time_point deadline) {
+  for (;;) {
+    std::string packet;
+    // A read of a packet pipe returns at most one write.
+    if (!ReadUntil(fd, packet, deadline, [](const std::string& so_far) { return !so_far.empty(); })) return false;
+    if (packet.empty()) return true;
+    writes.push_back(packet);
+  }
+}
+
 }  // namespace bootstrand::testing

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace bootstrand::testing {
 
@@ -20,5 +21,10 @@ bool ReadUntil(int fd, std::string& output, Clock::time_point deadline,
 inline bool ReadToEnd(int fd, std::string& output, Clock::time_point deadline) {
   return ReadUntil(fd, output, deadline, [](const std::string&) { return false; });
 }
+
+// Reads a packet pipe (pipe2 with O_DIRECT) to its end, one element per write made
+// on the other side, so that a test sees whether a line went out in one piece. False
+// when the deadline passes first.
+bool ReadWrites(int fd, std::vector<std::string>& writes, Clock::time_point deadline);
 
 }  // namespace bootstrand::testing

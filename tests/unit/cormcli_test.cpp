@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,17 +20,28 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-// Every test gets a private host root and its own shared dispatcher, and std::cout
-// is collected; the previous dispatcher and stream are put back afterwards.
+// Every test gets a private host root and its own shared dispatcher, and standard
+// output is collected in a file; the previous dispatcher and output are put back
+// afterwards.
 class CormcliTest : public ::testing::Test {
  protected:
   void SetUp() override {
     savedDispatcher_ = std::exchange(Cormcli::dispatcher, nullptr);
-    savedCout_ = std::cout.rdbuf(out_.rdbuf());
+    std::fflush(stdout);
+    savedOut_ = dup(STDOUT_FILENO);
+    int out = open(root_.Path("/stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    dup2(out, STDOUT_FILENO);
+    close(out);
   }
   void TearDown() override {
-    std::cout.rdbuf(savedCout_);
+    std::fflush(stdout);
+    dup2(savedOut_, STDOUT_FILENO);
+    close(savedOut_);
     delete std::exchange(Cormcli::dispatcher, savedDispatcher_);
+  }
+  std::string Out() {
+    std::fflush(stdout);
+    return root_.Read("/stdout");
   }
   // A command in command directory `directory` that appends `word` and its
   // arguments to the file "ran", then runs `extra`.
@@ -44,8 +56,7 @@ class CormcliTest : public ::testing::Test {
   std::string Ran() { return root_.Read("/ran"); }
 
   testing::ScopedRoot root_;
-  std::stringstream out_;
-  std::streambuf* savedCout_ = nullptr;
+  int savedOut_ = -1;
   Kitbag::AutoCli::Dispatcher* savedDispatcher_ = nullptr;
 };
 
@@ -116,13 +127,13 @@ TEST_F(CormcliTest, DryRunExecutesAndTimesNothingButReportsParseErrors) {
   ASSERT_EQ(failures.size(), 1u);
   EXPECT_STREQ(failures[0].what(), "parse step \"one failed");
   EXPECT_EQ(Ran(), "");
-  EXPECT_EQ(out_.str(), "");
+  EXPECT_EQ(Out(), "");
 }
 
 TEST(FormatTiming, BorrowsAndPadsMicroseconds) {
-  EXPECT_EQ(FormatTiming({10, 999999}, {11, 1}, "a b"), "0.000002 cormcli a b\n");
-  EXPECT_EQ(FormatTiming({100, 0}, {101, 250}, "a"), "1.000250 cormcli a\n");
-  EXPECT_EQ(FormatTiming({5, 500000}, {17, 250000}, "a"), "11.750000 cormcli a\n");
+  EXPECT_EQ(FormatTiming({10, 999999}, {11, 1}, "a b"), "0.000002 cormcli a b");
+  EXPECT_EQ(FormatTiming({100, 0}, {101, 250}, "a"), "1.000250 cormcli a");
+  EXPECT_EQ(FormatTiming({5, 500000}, {17, 250000}, "a"), "11.750000 cormcli a");
 }
 
 TEST_F(CormcliTest, TimesEveryExecutedCommandIncludingFailures) {
@@ -131,9 +142,9 @@ TEST_F(CormcliTest, TimesEveryExecutedCommandIncludingFailures) {
       Cormcli().Execute(Strings{"step one --x='a b'", "# comment", "step missing", "step 'x"}, false, true);
   ASSERT_EQ(failures.size(), 2u);
   EXPECT_EQ(failures[0].stage, "execute");
-  EXPECT_TRUE(std::regex_match(out_.str(), std::regex("[0-9]+\\.[0-9]{6} cormcli step one --x='a b'\n"
+  EXPECT_TRUE(std::regex_match(Out(), std::regex("[0-9]+\\.[0-9]{6} cormcli step one --x='a b'\n"
                                                       "[0-9]+\\.[0-9]{6} cormcli step missing\n")))
-      << out_.str();
+      << Out();
 }
 
 TEST_F(CormcliTest, ExecutorsShareOneDispatcherSetUpOnce) {
