@@ -132,15 +132,24 @@ std::string Plugin::SkippingMessage(const std::string& path, const std::exceptio
   return "Skipping " + path + ": " + error.what();
 }
 
-void Plugin::LoadPlugin(const std::string& path) {
-  // Reading a pipe or a device as a plugin could block the boot for good.
+namespace {
+
+// Reading a pipe or a device as a plugin could block the boot for good.
+void RefuseSpecialFile(const std::string& path) {
   struct stat status {};
   if (stat(HostPath(path).c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
     throw Exception("not a regular file");
   }
+}
+
+}  // namespace
+
+void Plugin::LoadPlugin(const std::string& path) {
   if (path.size() > 2 && EndsWith(path, ".so")) {
+    RefuseSpecialFile(path);
     LoadNativePlugin(path);
   } else if (path.size() > 4 && EndsWith(path, ".json")) {
+    RefuseSpecialFile(path);
     LoadJsonPlugin(path);
   } else {
     throw Exception("unknown type");

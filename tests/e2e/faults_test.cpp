@@ -4,6 +4,7 @@
 // let the other plugins run.
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -82,6 +83,33 @@ TEST_F(Faults, ACommandIgnoringTerminationIsWaitedFor) {
   EXPECT_TRUE(root.Channel("alert").empty());
 }
 
+TEST_F(Faults, ADaemonLeftByACommandNeitherHoldsTheBootNorDies) {
+  // The daemon keeps the command's standard error open for 30 seconds.
+  root.WriteCommand("daemon", "sleep 30 &\necho $! > \"$BOOTSTRAND_ROOT/daemon.pid\"");
+  WriteVictimAndNeighbours("daemon");
+  RunResult run = RunBootstrand(root, {"--time-ops"}, {}, 15);
+  pid_t daemon = root.Exists("/daemon.pid") ? std::stoi(root.ReadFile("/daemon.pid")) : 0;
+  bool alive = daemon > 0 && kill(daemon, 0) == 0;
+  if (alive) kill(daemon, SIGKILL);
+  ASSERT_FALSE(run.timedOut);
+  EXPECT_EQ(run.exitStatus, 0) << run.err;
+  EXPECT_TRUE(alive);
+  EXPECT_GE(IndexOf(Order(), "--name=after"), 0);
+  // The timing record is the command's own time, not the daemon's.
+  std::string log = root.ReadFile("/var/log/bootstrand-cormcli-stdout.log");
+  std::size_t record = log.find(" cormcli daemon\n");
+  ASSERT_NE(record, std::string::npos) << log;
+  EXPECT_EQ(log.substr(log.rfind('\n', record) + 1, 2), "0.") << log;
+}
+
+TEST_F(Faults, CommandsStartWithDefaultSignalsWhateverTheActivatorInherited) {
+  root.WriteCommand("signals", "grep -E '^Sig(Blk|Ign)' /proc/self/status >> \"$BOOTSTRAND_ROOT/order.log\"");
+  root.WritePlugin("s.json", JsonPlugin({"s"}, {}, {"signals"}));
+  RunResult run = RunProgram("/bin/sh", root, {"-c", "trap '' HUP PIPE; exec \"$0\" --plugin s.json", BOOTSTRAND_BINARY});
+  ASSERT_EQ(run.exitStatus, 0) << run.err;
+  EXPECT_EQ(Order(), (std::vector<std::string>{"SigBlk:\t0000000000000000", "SigIgn:\t0000000000000000"}));
+}
+
 TEST_F(Faults, HostFilesThatCannotBeWrittenDoNotStopTheBoot) {
   struct Case {
     std::string name;
@@ -112,13 +140,16 @@ TEST_F(Faults, HostFilesThatCannotBeWrittenDoNotStopTheBoot) {
 
 TEST_F(Faults, PipesNamedAsPluginsAreSkippedRatherThanWaitedFor) {
   root.WritePlugin("a.json", JsonPlugin({"a"}, {}, {"mark --name a"}));
-  for (const char* pipe : {"/usr/libexec/bootstrand/plugins/p.json", "/q.so"}) {
+  for (const char* pipe : {"/usr/libexec/bootstrand/plugins/p.json", "/q.so", "/r"}) {
     ASSERT_EQ(mkfifo(root.Path(pipe).c_str(), 0644), 0);
   }
-  RunResult run = RunBootstrand(root, {"--plugin", "a.json,p.json,/q.so"}, {}, 20);
+  RunResult run = RunBootstrand(root, {"--plugin", "a.json,p.json,/q.so,/r,/dev/null"}, {}, 20);
   ASSERT_EQ(run.exitStatus, 0) << run.err;
   EXPECT_NE(run.err.find("Skipping /usr/libexec/bootstrand/plugins/p.json: not a regular file\n"), std::string::npos);
   EXPECT_NE(run.err.find("Skipping /q.so: not a regular file\n"), std::string::npos);
+  // Without a plugin suffix the kind of file does not matter.
+  EXPECT_NE(run.err.find("Skipping /r: unknown type\n"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("Skipping /dev/null: unknown type\n"), std::string::npos) << run.err;
   EXPECT_EQ(Order(), (std::vector<std::string>{"--name=a"}));
 #ifdef BOOTSTRAND_LINT_BINARY
   RunResult lint = RunProgram(BOOTSTRAND_LINT_BINARY, root, {"/q.so"}, {}, 20);

@@ -1,8 +1,7 @@
 #include "platform/kitbag/command_process.h"
 
 #include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "platform/signals.h"
 #include "platform/unique_fd.h"
 
 extern char** environ;
@@ -20,17 +20,38 @@ namespace Kitbag::AutoCli {
 
 namespace {
 
-std::string ReadToEnd(int fd) {
+// Everything written to `file` so far, from its start.
+std::string ReadWritten(int file) {
   std::string text;
   char buffer[4096];
-  while (true) {
-    const ssize_t count = read(fd, buffer, sizeof buffer);
+  for (off_t offset = 0;;) {
+    const ssize_t count = pread(file, buffer, sizeof buffer, offset);
     if (count > 0) {
       text.append(buffer, static_cast<std::size_t>(count));
+      offset += count;
     } else if (count == 0 || errno != EINTR) {
       return text;
     }
   }
+}
+
+// Starts `executable` with standard error on `errorFile`. vfork rather than fork: a
+// worker is a copy of the scheduler, and copying its address space for every command
+// would cost more than the command itself. The child shares this process's memory
+// until it execs, so it only makes system calls, on values prepared here, and passes a
+// failed exec's error back through `execError`.
+pid_t StartChild(const char* executable, char* const* argv, int errorFile, int& execError) {
+  volatile int error = 0;
+  const pid_t child = vfork();
+  if (child == 0) {
+    bootstrand::RestoreDefaultSignals();
+    // dup2 onto standard error also clears close-on-exec there.
+    if (dup2(errorFile, STDERR_FILENO) == STDERR_FILENO) execve(executable, argv, environ);
+    error = errno;
+    _exit(127);
+  }
+  execError = child < 0 ? errno : error;
+  return child;
 }
 
 }  // namespace
@@ -41,60 +62,39 @@ CommandProcessResult RunCommandProcess(const std::string& executable, const std:
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
 
-  int pipeFds[2];
-  if (pipe2(pipeFds, O_CLOEXEC) != 0) {
-    throw std::runtime_error("cannot create a pipe for " + executable + ": " + strerror(errno));
+  // Standard error goes to an anonymous file rather than a pipe. A command may leave
+  // a daemon behind that keeps the descriptor: with a pipe, reading to its end would
+  // wait for that daemon, and closing the read end early would kill it with SIGPIPE at
+  // its next message. The file never blocks a writer and is read once the command
+  // itself has ended.
+  bootstrand::UniqueFd errorFile(memfd_create("command-stderr", MFD_CLOEXEC));
+  if (!errorFile.Valid()) {
+    throw std::runtime_error("cannot create a file for the errors of " + executable + ": " + strerror(errno));
   }
-  bootstrand::UniqueFd readEnd(pipeFds[0]);
-  bootstrand::UniqueFd writeEnd(pipeFds[1]);
 
   // Text still buffered here would otherwise reach the output after the command's.
   std::cout.flush();
   std::clog.flush();
   std::fflush(nullptr);
 
-  // posix_spawn rather than fork: a worker is a copy of the scheduler, and copying
-  // its address space for every command would cost more than the command itself.
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  // dup2 onto standard error also clears close-on-exec there.
-  posix_spawn_file_actions_adddup2(&actions, writeEnd.Get(), STDERR_FILENO);
-  // Ignored dispositions survive exec, and the scheduler ignores SIGPIPE; a command
-  // must see the defaults and no blocked signals.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t all;
-  sigfillset(&all);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-  pid_t child = -1;
-  const int error = posix_spawn(&child, executable.c_str(), &actions, &attributes, argv.data(), environ);
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
-  if (error != 0) {
-    if (error == EAGAIN || error == ENOMEM) {
-      throw std::runtime_error("cannot fork for " + executable + ": " + strerror(error));
-    }
+  int execError = 0;
+  const pid_t child = StartChild(executable.c_str(), argv.data(), errorFile.Get(), execError);
+  if (child < 0) throw std::runtime_error("cannot fork for " + executable + ": " + strerror(execError));
+  if (execError != 0) {
     // The command could not be executed: report it as the command itself would.
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
     CommandProcessResult result;
     result.waitStatus = 127 << 8;
-    result.errorOutput = "cannot execute " + executable + ": " + strerror(error) + "\n";
+    result.errorOutput = "cannot execute " + executable + ": " + strerror(execError) + "\n";
     return result;
   }
 
-  // The read below ends only when every write end is closed, ours included.
-  writeEnd.Reset();
   CommandProcessResult result;
-  result.errorOutput = ReadToEnd(readEnd.Get());
-  // Should the read have failed, a child still writing gets SIGPIPE instead of
-  // blocking the wait below for ever.
-  readEnd.Reset();
   while (waitpid(child, &result.waitStatus, 0) < 0) {
     if (errno != EINTR) throw std::runtime_error("cannot wait for " + executable + ": " + strerror(errno));
   }
+  result.errorOutput = ReadWritten(errorFile.Get());
   return result;
 }
 
