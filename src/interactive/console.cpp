@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "platform/standard_streams.h"
 #include "platform/unique_fd.h"
 
 namespace bootstrand {
@@ -30,7 +31,7 @@ void SetLineMode(bool on) {
 }
 
 void SwitchConsole(int terminal) {
-  UniqueFd console(open("/dev/console", O_RDWR | O_CLOEXEC));
+  UniqueFd console(open(ConsoleDevice(), O_RDWR | O_CLOEXEC));
   if (!console.Valid()) return;
   if (ioctl(console.Get(), kVirtualTerminalActivate, terminal) != 0) {
     ioctl(console.Get(), kVirtualTerminalWaitActive, terminal);

@@ -10,7 +10,8 @@ namespace bootstrand {
 // Nothing else of the terminal settings is saved or restored.
 void SetLineMode(bool on);
 
-// Asks "/dev/console" to bring virtual terminal `terminal` to the front.
+// Asks the console device ("/dev/console", see ConsoleDevice) to bring virtual
+// terminal `terminal` to the front.
 void SwitchConsole(int terminal);
 
 }  // namespace bootstrand

@@ -14,6 +14,7 @@
 
 #include "interactive/console.h"
 #include "log/color.h"
+#include "platform/signals.h"
 #include "plugin/plugin.h"
 
 namespace bootstrand {
@@ -52,17 +53,21 @@ void WriteChoices(const std::string& name, char chosen) {
   }
 }
 
-// Waits for c, e, t or s. End of input must not leave the scheduler spinning on a
-// dead console, so it counts as "continue", which also ends prompting.
+// Waits for c, e, t or s. Keys are read one at a time straight from the terminal: a
+// buffered read would take keys typed ahead for the troubleshooting shell and use them
+// as later answers. End of input must not leave the scheduler spinning on a dead
+// console, so it counts as "continue", which also ends prompting.
 char ReadAnswer() {
-  char key = 0;
-  while (std::cin.get(key)) {
+  for (;;) {
+    char key = 0;
+    ssize_t count = read(STDIN_FILENO, &key, 1);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return 'c';
     char lower = static_cast<char>(std::tolower(static_cast<unsigned char>(key)));
     for (const Choice& choice : kChoices) {
       if (choice.key == lower) return lower;
     }
   }
-  return 'c';
 }
 
 void ReportFailure(const char* what, int error) {
@@ -83,6 +88,8 @@ void ReportFailure(const char* what, int error) {
     }
   }
   ioctl(STDIN_FILENO, TIOCSCTTY, 1);
+  // The scheduler ignores SIGPIPE; the operator's shell starts with the defaults.
+  RestoreDefaultSignals();
   char* const arguments[] = {const_cast<char*>(kShell), nullptr};
   execv(kShell, arguments);
   int error = errno;

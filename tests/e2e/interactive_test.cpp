@@ -34,6 +34,7 @@ TEST(Interactive, TheOperatorSkipsOnePluginThenContinues) {
   if (child == 0) {
     setenv("BOOTSTRAND_ROOT", root.Root().c_str(), 1);
     setenv("BOOTSTRAND_MAIN_MEMORY", "17179869184", 1);
+    setenv("BOOTSTRAND_CONSOLE", "/dev/null", 1);
     execl(BOOTSTRAND_BINARY, BOOTSTRAND_BINARY, "--interactive", "--plugin", "a.json,b.json", nullptr);
     _exit(127);
   }
