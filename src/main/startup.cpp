@@ -124,7 +124,8 @@ void ParseArguments(std::list<std::string>& arguments, StartupState& state) {
         throw MissingArg();
       }
     } else if (kind == ValueKind::Optional) {
-      if (arguments.front().front() != '-') {
+      // An empty next argument does not begin with "-", so it is the (empty) value.
+      if (!arguments.front().starts_with('-')) {
         value = arguments.front();
         arguments.pop_front();
       }

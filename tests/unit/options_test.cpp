@@ -83,6 +83,13 @@ TEST_F(ParseArgumentsTest, OptionalValuesStopAtDashes) {
   StartupState last = Parse({"--requires"});
   EXPECT_TRUE(last.requiresQuery);
   EXPECT_NE(Parse({"--randomize="}).seed, 0u);  // empty value: the current time
+
+  // An empty next argument is an empty value, taken like any other.
+  StartupState empty = Parse({"--requires", "", "--provides", "", "--interactive", "", "--randomize", "", "--tags"});
+  EXPECT_TRUE(empty.requiresQuery && empty.providesQuery && empty.listTags);
+  EXPECT_EQ(empty.requiresTag + empty.providesTag, "");
+  EXPECT_EQ(empty.flags, ActivateFlag::Interactive);
+  EXPECT_NE(empty.seed, 0u);
 }
 
 TEST_F(ParseArgumentsTest, ErrorsLeaveTheOffendingArgumentAtTheFront) {
