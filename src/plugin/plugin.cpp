@@ -15,18 +15,16 @@ const TagSet Plugin::kindTags = {"json plugins", "native plugins", "builtin plug
 
 namespace {
 
-// Off: the marker is never opened.
-bool recordRunOnce = true;
-
-// "/.runonce": emptied when the process starts and never read back.
+// "/.runonce": emptied when the activator starts and never read back. Only the
+// activator opens it; in every other program that loads plugins (the operator tools,
+// the tests) it stays closed and run-once keys are only counted.
 struct RunOnceMarker {
   UniqueFd file;
   std::uint32_t runOnceCount = 0;
 };
 
 RunOnceMarker& Marker() {
-  static RunOnceMarker marker{
-      UniqueFd(open(HostPath("/.runonce").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644))};
+  static RunOnceMarker marker;
   return marker;
 }
 
@@ -41,7 +39,9 @@ std::vector<Plugin*>& Registered() {
 
 }  // namespace
 
-void OpenRunOnceMarker() { Marker(); }
+void OpenRunOnceMarker() {
+  Marker().file.Reset(open(HostPath("/.runonce").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+}
 
 Plugin::Plugin(const std::string& name, const std::vector<std::string>& provides,
                const std::vector<std::string>& requires_)
@@ -91,15 +91,11 @@ bool Plugin::Preempts(const Plugin& other) const {
 }
 
 bool Plugin::RunOnce(const std::string& key) {
-  if (recordRunOnce) {
-    RunOnceMarker& marker = Marker();
-    std::string text = (++marker.runOnceCount == 1 ? "bootstrand.run-once=" : ",") + key;
-    if (marker.file.Valid()) WriteAll(marker.file.Get(), text.data(), text.size());
-  }
+  RunOnceMarker& marker = Marker();
+  std::string text = (++marker.runOnceCount == 1 ? "bootstrand.run-once=" : ",") + key;
+  if (marker.file.Valid()) WriteAll(marker.file.Get(), text.data(), text.size());
   return disabled.count(key) != 0;
 }
-
-void Plugin::RecordRunOnce(bool record) { recordRunOnce = record; }
 
 void Plugin::DisablePlugins(const std::vector<std::string>& list) { disabled.insert(list.begin(), list.end()); }
 
@@ -113,8 +109,7 @@ void Plugin::ResetRegistries() {
   providers.clear();
   disabled.clear();
   interactiveTags.clear();
-  recordRunOnce = true;
-  Marker().runOnceCount = 0;
+  Marker() = RunOnceMarker{};
 }
 
 }  // namespace bootstrand

@@ -40,11 +40,9 @@ class Plugin {
   // True when this plugin, a preemptive provider, holds `other` back.
   bool Preempts(const Plugin& other) const;
 
-  // Records `key` in the run-once marker; true when the key is disabled.
+  // Records `key` in the run-once marker, when it is open; true when the key is
+  // disabled.
   static bool RunOnce(const std::string& key);
-  // Off: RunOnce records nothing and never opens the marker, for programs that read
-  // plugins without activating them. On from the start; the activator leaves it so.
-  static void RecordRunOnce(bool record);
   static void DisablePlugins(const std::vector<std::string>& list);
   static ActivateFlags Interactive(const std::vector<std::string>& tags);
 
@@ -88,8 +86,8 @@ class Plugin {
   // The operator prompt of interactive mode (interactive/debug_action.cpp).
   static ActivateFlags DebugAction(const std::string& name);
 
-  // Empties every registry and the run-once count and turns run-once recording back
-  // on, for tests that register plugins of their own. Plugins are not freed.
+  // Empties every registry, forgets the run-once count and closes the run-once
+  // marker, for tests that register plugins of their own. Plugins are not freed.
   static void ResetRegistries();
 
   std::string name;
@@ -119,8 +117,9 @@ class Plugin {
   ~Plugin() = default;
 };
 
-// Creates or empties the run-once marker "/.runonce"; the program does this before
-// its entry point runs, whatever its mode.
+// Creates or empties the run-once marker "/.runonce" and keeps it open for RunOnce.
+// The activator does this before its entry point runs, whatever its mode; nothing
+// else may.
 void OpenRunOnceMarker();
 
 }  // namespace bootstrand

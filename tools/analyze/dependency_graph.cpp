@@ -8,7 +8,6 @@
 namespace bootstrand::analyze {
 
 void DependencyGraph::Load(const std::vector<std::string>& paths, Problems& problems) {
-  Plugin::RecordRunOnce(false);
   std::vector<std::string> files = Plugin::ListPluginFiles(paths);
   Plugin::LoadBuiltins();
   for (const std::string& file : files) {

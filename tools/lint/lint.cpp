@@ -355,7 +355,6 @@ class Deadlock {
 LintReport Lint(const LintOptions& options) {
   LintReport report;
   report.workers = options.workers;
-  Plugin::RecordRunOnce(false);
   Plugin::DisablePlugins(options.disable);
   LoadFiles(options, report);
 
