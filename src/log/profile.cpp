@@ -25,7 +25,7 @@ Profile::Profile()
 }
 
 Profile::~Profile() {
-  if (getpid() == pid) {
+  if (summary && getpid() == pid) {
     timeval end {};
     gettimeofday(&end, nullptr);
     WriteLine("=== Bootstrand configuration info ===\n");
@@ -47,6 +47,10 @@ void Profile::RecordPlugin(const std::string& name, const timeval& start) {
   WriteTimestamp(line, start) << " - ";
   WriteTimestamp(line, end) << ']' << " sysboot: " << name << '\n';
   if (instance != nullptr) instance->WriteLine(line.str());
+}
+
+void Profile::OmitSummary() {
+  if (instance != nullptr) instance->summary = false;
 }
 
 void Profile::WriteLine(const std::string& text) {

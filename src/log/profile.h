@@ -23,6 +23,8 @@ class Profile {
 
   // Appends "[<start> - <now>] sysboot: <name>". The profile must exist.
   static void RecordPlugin(const std::string& name, const timeval& start);
+  // The run did not end normally: the profile, if any, writes no summary.
+  static void OmitSummary();
 
  private:
   // Each line goes out in one write, so nothing is ever left in a buffer at fork.
@@ -31,6 +33,7 @@ class Profile {
   timeval startTime {};
   UniqueFd stream;
   pid_t pid;
+  bool summary = true;
   static Profile* instance;
 };
 

@@ -70,17 +70,7 @@ bool Plugin::Pending(const TagSet& tags) {
   return false;
 }
 
-bool Plugin::Pending() const {
-  if (active || Pending(requires_)) return true;
-  // Some other listed preemptive plugin shares one of our (non-kind) provided tags.
-  bool listedSelf = preemptive && plugins.Contains(this);
-  for (const std::string& tag : provides) {
-    int holders = plugins.PreemptiveProviderCount(tag);
-    if (listedSelf && kindTags.count(tag) == 0) --holders;
-    if (holders > 0) return true;
-  }
-  return false;
-}
+bool Plugin::Pending() const { return plugins.StateOf(this) != PluginList::State::Ready; }
 
 bool Plugin::Preempts(const Plugin& other) const {
   if (!preemptive || &other == this) return false;

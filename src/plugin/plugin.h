@@ -14,6 +14,7 @@
 
 #include "plugin/activate_flags.h"
 #include "plugin/plugin_list.h"
+#include "plugin/worker_pool.h"
 
 namespace bootstrand {
 
@@ -35,9 +36,11 @@ class Plugin {
   bool Provides(const std::string& tag) const;
   // True when some listed plugin provides one of `tags`.
   static bool Pending(const TagSet& tags);
-  // True when this plugin may not be dispatched now.
+  // True when this plugin may not be dispatched now: it is not listed, waits on
+  // another listed plugin (see PluginList::WaitersOf), or was handed over already.
   bool Pending() const;
-  // True when this plugin, a preemptive provider, holds `other` back.
+  // True when this plugin, a preemptive provider, holds `other` back: the plain
+  // statement of the hold, which PluginList::WaitersOf applies to the listed plugins.
   bool Preempts(const Plugin& other) const;
 
   // Records `key` in the run-once marker, when it is open; true when the key is
@@ -74,6 +77,8 @@ class Plugin {
 
   // The activation scheduler (scheduler.cpp).
   static void ActivatePlugins(ActivateFlags& flags);
+  // The same run over another pool than the forked workers (tests).
+  static void ActivatePlugins(ActivateFlags& flags, WorkerPool& pool);
   static bool ActivatePlugin(Plugin* plugin, ActivateFlags& flags);
   void Finish(int status, ActivateFlags& flags);
   void PreemptProviders();
@@ -102,9 +107,8 @@ class Plugin {
   bool preemptive = false;
   bool hostProfileOperations = false;
   std::int32_t apiVersion = 0;
-  bool active = false;
 
-  // Plugins that have not finished, in load order.
+  // Plugins that have not finished, in load order, and where each stands in the run.
   static PluginList plugins;
   // Tag to its providers in registration order; kind tags are never entered.
   static std::unordered_map<std::string, std::vector<Plugin*>> providers;

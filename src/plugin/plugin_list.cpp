@@ -1,59 +1,54 @@
 #include "plugin/plugin_list.h"
 
 #include "plugin/plugin.h"
+#include "worker/worker.h"
 
 namespace bootstrand {
+
+void PluginList::WaitersOf(const Plugin& holder, const std::function<void(const Wait&)>& visit) const {
+  for (const std::string& tag : holder.provides) {
+    if (auto requirers = requirers_.find(tag); requirers != requirers_.end()) {
+      for (Plugin* waiter : requirers->second) {
+        if (Contains(waiter)) visit(Wait{waiter, tag, false});
+      }
+    }
+    if (!holder.preemptive || Plugin::kindTags.count(tag) != 0) continue;
+    if (auto providers = providers_.find(tag); providers != providers_.end()) {
+      for (Plugin* waiter : providers->second) {
+        if (waiter != &holder && Contains(waiter)) visit(Wait{waiter, tag, true});
+      }
+    }
+  }
+}
 
 void PluginList::Append(Plugin* plugin) {
   if (Contains(plugin)) return;
   entries_[plugin] = Entry{plugins_.insert(plugins_.end(), plugin), nextOrder_++};
-  Count(plugin, +1);
   for (const std::string& tag : plugin->requires_) requirers_[tag].push_back(plugin);
   for (const std::string& tag : plugin->provides) {
-    if (Plugin::kindTags.count(tag) == 0) tagProviders_[tag].push_back(plugin);
+    providers_[tag].push_back(plugin);
+    ++providerCounts_[tag];
   }
-  // A new provider can hold back plugins already found ready.
-  if (tracking_) TrackReadiness();
+  // The new plugin's own waits are counted with all the others when readiness is
+  // next asked for: plugins are appended while loading, before any is.
+  counted_ = false;
 }
 
 void PluginList::Remove(Plugin* plugin) {
   auto found = entries_.find(plugin);
   if (found == entries_.end()) return;
-  std::uint64_t order = found->second.order;
+  SetState(plugin, found->second, State::Waiting);  // leaves the ordered sets
   plugins_.erase(found->second.position);
   entries_.erase(found);
-  Count(plugin, -1);
-  if (!tracking_) return;
-  readyToRun_.erase(order);
-  readyToPassOver_.erase(order);
-  active_.erase(order);
-  // Only plugins waiting for a tag that nobody listed provides any more, or held
-  // back by this preemptive provider, can have become ready.
-  for (const std::string& tag : plugin->provides) {
-    if (ProviderCount(tag) == 0) {
-      auto waiting = requirers_.find(tag);
-      if (waiting != requirers_.end()) {
-        for (Plugin* candidate : waiting->second) Recheck(candidate);
-      }
-    }
-    if (plugin->preemptive && Plugin::kindTags.count(tag) == 0 && PreemptiveProviderCount(tag) <= 1) {
-      for (Plugin* candidate : tagProviders_[tag]) Recheck(candidate);
-    }
-  }
+  for (const std::string& tag : plugin->provides) --providerCounts_[tag];
+  if (!counted_) return;
+  WaitersOf(*plugin, [this](const Wait& wait) {
+    Entry& entry = entries_.at(wait.waiter);
+    if (--entry.waits == 0 && entry.state == State::Waiting) SetState(wait.waiter, entry, State::Ready);
+  });
 }
 
-void PluginList::Clear() {
-  plugins_.clear();
-  entries_.clear();
-  providerCounts_.clear();
-  preemptiveProviderCounts_.clear();
-  requirers_.clear();
-  tagProviders_.clear();
-  readyToRun_.clear();
-  readyToPassOver_.clear();
-  active_.clear();
-  tracking_ = false;
-}
+void PluginList::Clear() { *this = PluginList(); }
 
 bool PluginList::Contains(const Plugin* plugin) const { return entries_.count(plugin) != 0; }
 
@@ -62,47 +57,54 @@ int PluginList::ProviderCount(const std::string& tag) const {
   return found == providerCounts_.end() ? 0 : found->second;
 }
 
-int PluginList::PreemptiveProviderCount(const std::string& tag) const {
-  auto found = preemptiveProviderCounts_.find(tag);
-  return found == preemptiveProviderCounts_.end() ? 0 : found->second;
+PluginList::State PluginList::StateOf(const Plugin* plugin) {
+  CountWaits();
+  auto found = entries_.find(plugin);
+  return found == entries_.end() ? State::Waiting : found->second.state;
 }
 
-void PluginList::TrackReadiness() {
-  tracking_ = true;
-  readyToRun_.clear();
-  readyToPassOver_.clear();
-  active_.clear();
+void PluginList::HandedOver(Plugin* plugin, bool running) {
+  auto found = entries_.find(plugin);
+  if (found != entries_.end()) SetState(plugin, found->second, running ? State::Running : State::PassedOver);
+}
+
+const PluginList::Ordered& PluginList::ReadyToRun() {
+  CountWaits();
+  return readyToRun_;
+}
+
+const PluginList::Ordered& PluginList::ReadyToPassOver() {
+  CountWaits();
+  return readyToPassOver_;
+}
+
+void PluginList::SetState(Plugin* plugin, Entry& entry, State state) {
+  if (entry.state == State::Ready) {
+    readyToRun_.erase(entry.order);
+    readyToPassOver_.erase(entry.order);
+  } else if (entry.state == State::Running) {
+    running_.erase(entry.order);
+  }
+  entry.state = state;
+  if (state == State::Ready) {
+    (Worker::PassesOver(*plugin, 0) ? readyToPassOver_ : readyToRun_).emplace(entry.order, plugin);
+  } else if (state == State::Running) {
+    running_.emplace(entry.order, plugin);
+  }
+}
+
+void PluginList::CountWaits() {
+  if (counted_) return;
+  counted_ = true;
+  for (auto& [plugin, entry] : entries_) entry.waits = 0;
+  for (Plugin* holder : plugins_) {
+    WaitersOf(*holder, [this](const Wait& wait) { ++entries_.at(wait.waiter).waits; });
+  }
+  // Handed-over plugins stay where they are: they are not waiting any more.
   for (Plugin* plugin : plugins_) {
-    if (plugin->active) active_.emplace(entries_.at(plugin).order, plugin);
-    Recheck(plugin);
-  }
-}
-
-void PluginList::Dispatched(Plugin* plugin) {
-  auto found = entries_.find(plugin);
-  if (found == entries_.end()) return;
-  found->second.dispatched = true;
-  std::uint64_t order = found->second.order;
-  readyToRun_.erase(order);
-  readyToPassOver_.erase(order);
-  if (plugin->active) active_.emplace(order, plugin);
-}
-
-void PluginList::Count(const Plugin* plugin, int delta) {
-  for (const std::string& tag : plugin->provides) {
-    providerCounts_[tag] += delta;
-    if (plugin->preemptive && Plugin::kindTags.count(tag) == 0) preemptiveProviderCounts_[tag] += delta;
-  }
-}
-
-void PluginList::Recheck(Plugin* plugin) {
-  auto found = entries_.find(plugin);
-  if (found == entries_.end() || found->second.dispatched || plugin->Pending()) return;
-  std::uint64_t order = found->second.order;
-  if (plugin->skip || plugin->noOperations) {
-    readyToPassOver_.emplace(order, plugin);
-  } else {
-    readyToRun_.emplace(order, plugin);
+    Entry& entry = entries_.at(plugin);
+    if (entry.state != State::Waiting && entry.state != State::Ready) continue;
+    SetState(plugin, entry, entry.waits == 0 ? State::Ready : State::Waiting);
   }
 }
 

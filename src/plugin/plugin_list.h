@@ -1,15 +1,15 @@
-// The ordered list of registered plugins that have not yet finished, in load order.
-// It keeps, per tag, how many listed plugins provide the tag and how many listed
-// preemptive plugins provide it, so that dependency questions cost O(tags) instead
-// of a walk over the list. Once readiness tracking is on, it also keeps, in list
-// order, the listed plugins that are not pending (split into those that need a
-// worker and those the worker layer passes over) and those that are active, so that
-// a scheduler pass costs what it dispatches rather than the length of the list.
-// Plugins are borrowed; the list never frees them.
+// The ordered list of registered plugins that have not yet finished, in load order,
+// and the one place that knows where each of them stands in a run. A listed plugin
+// waits while it waits on some other listed plugin (WaitersOf says who waits on
+// whom), is ready when it waits on none, and is then handed over, to run in a worker
+// or to be passed over; it leaves the list when it has finished or was preempted.
+// Each plugin keeps a count of its waits, so that removing a plugin readies exactly
+// those whose last wait it was. Plugins are borrowed; the list never frees them.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
@@ -26,6 +26,28 @@ class PluginList {
   // Listed plugins keyed by their position in the list.
   using Ordered = std::map<std::uint64_t, Plugin*>;
 
+  enum class State {
+    Waiting,     // waits on another listed plugin
+    Ready,       // waits on none: may be handed over
+    Running,     // handed to a worker
+    PassedOver,  // accepted by the worker layer without a worker; its result is queued
+  };
+
+  // Why `waiter` cannot start while `holder` is listed: it requires a tag that
+  // holder provides, or holder is a preemptive provider of a tag it provides too.
+  struct Wait {
+    Plugin* waiter;
+    const std::string& tag;
+    bool heldBack;  // holder is a preemptive provider that holds the waiter back
+  };
+
+  // Calls visit(Wait) once for every wait on `holder` by a listed plugin: each
+  // plugin that requires a tag holder provides (holder itself too, when it requires
+  // a tag of its own, so that it never becomes ready), and, when holder is
+  // preemptive, each other provider of one of its tags; kind tags never preempt. This
+  // is the only definition of when a plugin may start.
+  void WaitersOf(const Plugin& holder, const std::function<void(const Wait&)>& visit) const;
+
   // Appends a fully constructed plugin; its tags, preemptive mark and skip state must
   // not change while it is listed.
   void Append(Plugin* plugin);
@@ -36,20 +58,18 @@ class PluginList {
   bool Contains(const Plugin* plugin) const;
   // Listed plugins that provide `tag`, kind tags included.
   int ProviderCount(const std::string& tag) const;
-  // Listed preemptive plugins that provide `tag` (never counted for kind tags).
-  int PreemptiveProviderCount(const std::string& tag) const;
 
-  // Starts (or restarts) readiness tracking from the current state of the list.
-  void TrackReadiness();
-  // Ready plugins that need a worker, and ready plugins that are passed over
-  // (disabled, or with no operations), in list order.
-  const Ordered& ReadyToRun() const { return readyToRun_; }
-  const Ordered& ReadyToPassOver() const { return readyToPassOver_; }
-  // Active plugins in list order.
-  const Ordered& Active() const { return active_; }
-  // The worker layer accepted `plugin`: it leaves the ready sets, and joins the
-  // active ones when it was handed to a worker.
-  void Dispatched(Plugin* plugin);
+  // Where a listed plugin stands; Waiting for one that is not listed.
+  State StateOf(const Plugin* plugin);
+  // The worker layer accepted a ready plugin: it runs in a worker, or was passed over.
+  void HandedOver(Plugin* plugin, bool running);
+
+  // Ready plugins that need a worker, and ready plugins that the worker layer passes
+  // over (disabled, or with no operations), in list order.
+  const Ordered& ReadyToRun();
+  const Ordered& ReadyToPassOver();
+  // Plugins running in a worker, in list order.
+  const Ordered& Running() const { return running_; }
 
   const_iterator begin() const { return plugins_.begin(); }
   const_iterator end() const { return plugins_.end(); }
@@ -60,25 +80,29 @@ class PluginList {
   struct Entry {
     std::list<Plugin*>::iterator position;
     std::uint64_t order;
-    bool dispatched = false;  // accepted by the worker layer; never ready again
+    int waits = 0;  // waits on listed plugins, as WaitersOf counts them
+    State state = State::Waiting;
   };
 
-  void Count(const Plugin* plugin, int delta);
-  void Recheck(Plugin* plugin);
+  void SetState(Plugin* plugin, Entry& entry, State state);
+  // Counts every wait afresh from WaitersOf; done once, when readiness is first
+  // asked for after plugins were appended (in a boot: when activation starts).
+  void CountWaits();
 
   std::list<Plugin*> plugins_;
   std::unordered_map<const Plugin*, Entry> entries_;
   std::uint64_t nextOrder_ = 0;
   std::unordered_map<std::string, int> providerCounts_;
-  std::unordered_map<std::string, int> preemptiveProviderCounts_;
-
-  bool tracking_ = false;
-  // Every plugin ever appended that requires, or provides (kind tags left out), a tag.
+  // Every plugin ever appended that requires, or provides, a tag; WaitersOf keeps
+  // those still listed.
   std::unordered_map<std::string, std::vector<Plugin*>> requirers_;
-  std::unordered_map<std::string, std::vector<Plugin*>> tagProviders_;
+  std::unordered_map<std::string, std::vector<Plugin*>> providers_;
+
+  // The wait counts and the ordered sets below follow the list once counted.
+  bool counted_ = false;
   Ordered readyToRun_;
   Ordered readyToPassOver_;
-  Ordered active_;
+  Ordered running_;
 };
 
 }  // namespace bootstrand

@@ -1,19 +1,22 @@
 // The activation scheduler: walks the plugin list in passes, hands every plugin
-// that is no longer pending to the worker layer, and after each full pass reports the
+// that is no longer pending to the worker pool, and after each full pass reports the
 // results that came back and drops those plugins from the list.
+#include "plugin/scheduler.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <iostream>
 
 #include "log/channels.h"
+#include "log/profile.h"
 #include "main/startup.h"
 #include "platform/feature_state.h"
 #include "platform/host_path.h"
+#include "platform/standard_streams.h"
 #include "plugin/plugin.h"
 #include "worker/worker.h"
-#include "platform/standard_streams.h"
 
 namespace bootstrand {
 
@@ -24,44 +27,60 @@ bool HostFileExists(const char* path) {
   return stat(HostPath(path).c_str(), &status) == 0;
 }
 
-}  // namespace
-
-namespace {
-
 void TestHostProfileMarkers(ActivateFlags& flags) {
   if (HostFileExists("/etc/tessary/hostprofile.xml") || HostFileExists("/etc/tessary/hostprofile.xml.gz")) {
     flags |= ActivateFlag::HostProfilePresent;
   }
 }
 
+// The remaining plugins can never start. The run ends here as a failure, without the
+// timing summary of a completed run; exit() rather than _exit(), so that every
+// stream the program has written to is flushed on the way out.
+[[noreturn]] void StopOnUnmetDependencies() {
+  Profile::OmitSummary();
+  std::exit(kUnmetDependenciesStatus);
+}
+
+}  // namespace
+
+bool Scheduler::Run() {
+  while (!Plugin::plugins.empty()) {
+    // The list does not change during a pass: results are handled only after it.
+    inFlight_ += Pass();
+    if (inFlight_ == 0) return false;
+    ReportRunning();
+    inFlight_ -= FinishResults();
+  }
+  return true;
+}
+
+int Scheduler::Pass() { return (flags_ & ActivateFlag::Interactive) ? VisitEveryPlugin() : VisitReadyPlugins(); }
+
 // One pass as the operator sees it in interactive mode: every listed plugin is
-// visited, because the prompt comes before the worker layer is asked.
-int VisitEveryPlugin(ActivateFlags& flags) {
+// visited, because the prompt comes before the pool is asked.
+int Scheduler::VisitEveryPlugin() {
   int started = 0;
   for (Plugin* plugin : Plugin::plugins) {
-    TestHostProfileMarkers(flags);
-    if (Plugin::ActivatePlugin(plugin, flags)) {
-      Plugin::plugins.Dispatched(plugin);
-      ++started;
-    }
+    TestHostProfileMarkers(flags_);
+    if (Dispatch(plugin)) ++started;
   }
   return started;
 }
 
 // The same pass without prompting, at the cost of what it dispatches. Visiting a
-// pending plugin has no effect, and neither has visiting one that needs a worker
-// once every worker is busy and no more may be spawned; so only the ready plugins
-// are visited, in list order, and once the pool is saturated only those that are
-// passed over. The host-profile markers are tested before each of these visits,
-// which is what a hand-over copies into its request.
-int VisitReadyPlugins(ActivateFlags& flags) {
+// plugin that is not ready has no effect, and neither has visiting one that needs a
+// worker once the pool has no room; so only the ready plugins are visited, in list
+// order, and once the pool is full only those that are passed over. The host-profile
+// markers are tested before each of these visits, which is what a hand-over copies
+// into its request.
+int Scheduler::VisitReadyPlugins() {
   int started = 0;
-  const PluginList::Ordered& toRun = Plugin::plugins.ReadyToRun();
-  const PluginList::Ordered& toPassOver = Plugin::plugins.ReadyToPassOver();
+  PluginList& list = Plugin::plugins;
   std::uint64_t position = 0;  // the list position reached by this pass
   for (;;) {
-    bool saturated = Worker::Saturated();
-    auto run = saturated ? toRun.end() : toRun.lower_bound(position);
+    const PluginList::Ordered& toRun = list.ReadyToRun();
+    const PluginList::Ordered& toPassOver = list.ReadyToPassOver();
+    auto run = pool_.HasRoom() ? toRun.lower_bound(position) : toRun.end();
     auto over = toPassOver.lower_bound(position);
     Plugin* plugin;
     if (over != toPassOver.end() && (run == toRun.end() || over->first < run->first)) {
@@ -73,43 +92,53 @@ int VisitReadyPlugins(ActivateFlags& flags) {
     } else {
       return started;
     }
-    TestHostProfileMarkers(flags);
-    if (Plugin::ActivatePlugin(plugin, flags)) {
-      Plugin::plugins.Dispatched(plugin);
-      ++started;
-    }
+    TestHostProfileMarkers(flags_);
+    if (Dispatch(plugin)) ++started;
   }
 }
 
-}  // namespace
+void Scheduler::ReportRunning() const {
+  StatusLog() << '\r';
+  for (const auto& [position, plugin] : Plugin::plugins.Running()) StatusLog() << "activating: " << plugin->name << '\n';
+  StatusLog().flush();
+}
 
-void Plugin::ActivatePlugins(ActivateFlags& flags) {
+int Scheduler::FinishResults() {
+  std::vector<PluginResult> results = pool_.Collect();
+  for (const PluginResult& result : results) {
+    result.first->Finish(result.second, flags_);
+    Plugin::plugins.Remove(result.first);
+  }
+  return static_cast<int>(results.size());
+}
+
+bool Scheduler::Dispatch(Plugin* plugin) {
+  if (plugin->Pending()) return false;
+  bool prompted = false;
+  if ((flags_ & ActivateFlag::Interactive) && !Plugin::Pending(Plugin::interactiveTags)) {
+    flags_ &= ~ActivateFlag::Interactive;
+    flags_ |= Plugin::DebugAction(plugin->name);
+    prompted = true;
+  }
+  WorkerPool::HandOverResult result = pool_.HandOver(plugin, flags_);
+  // Ask again when the plugin is tried in a later pass.
+  if (prompted && result == WorkerPool::HandOverResult::Refused) flags_ |= ActivateFlag::Interactive;
+  flags_ &= ~ActivateFlag::Skip;
+  if (result == WorkerPool::HandOverResult::Refused) return false;
+  Plugin::plugins.HandedOver(plugin, result == WorkerPool::HandOverResult::Running);
+  return true;
+}
+
+void Plugin::ActivatePlugins(ActivateFlags& flags) { ActivatePlugins(flags, Worker::Forked()); }
+
+void Plugin::ActivatePlugins(ActivateFlags& flags, WorkerPool& pool) {
   FeatureState_Init();
   ProgressLog() << "Activating Bootstrand Plugins: " << std::endl;
-  plugins.TrackReadiness();
-  int inFlight = 0;
-  while (!plugins.empty()) {
-    // The list does not change during a pass: results are handled only after it.
-    inFlight += (flags & ActivateFlag::Interactive) ? VisitEveryPlugin(flags) : VisitReadyPlugins(flags);
-    if (inFlight == 0) {
-      AlertLog() << "Bootstrand has unmet dependencies!" << std::endl;
-      CheckCycles();
-      // Nothing can ever start again. Stop here, without the exit-time work of a
-      // normal run (no timing summary); the idle workers see their request pipes
-      // close and end by themselves.
-      std::cout.flush();
-      std::cerr.flush();
-      std::fflush(nullptr);
-      _exit(kUnmetDependenciesStatus);
-    }
-    StatusLog() << '\r';
-    for (const auto& [position, plugin] : plugins.Active()) StatusLog() << "activating: " << plugin->name << '\n';
-    StatusLog().flush();
-    for (const PluginResult& result : Worker::PluginResults()) {
-      result.first->Finish(result.second, flags);
-      --inFlight;
-      plugins.Remove(result.first);
-    }
+  Scheduler scheduler(pool, flags);
+  if (!scheduler.Run()) {
+    AlertLog() << "Bootstrand has unmet dependencies!" << std::endl;
+    CheckCycles();
+    StopOnUnmetDependencies();
   }
   StatusLog() << '\r';
   StatusLog().flush();
@@ -117,21 +146,7 @@ void Plugin::ActivatePlugins(ActivateFlags& flags) {
 }
 
 bool Plugin::ActivatePlugin(Plugin* plugin, ActivateFlags& flags) {
-  if (plugin->Pending()) return false;
-  if (!(flags & ActivateFlag::Interactive)) {
-    bool accepted = Worker::ActivatePlugin(plugin, flags);
-    flags &= ~ActivateFlag::Skip;
-    return accepted;
-  }
-  if (!Pending(interactiveTags)) {
-    flags &= ~ActivateFlag::Interactive;
-    flags |= DebugAction(plugin->name);
-  }
-  bool accepted = Worker::ActivatePlugin(plugin, flags);
-  // Ask again when the plugin is tried in a later pass.
-  if (!accepted) flags |= ActivateFlag::Interactive;
-  flags &= ~ActivateFlag::Skip;
-  return accepted;
+  return Scheduler(Worker::Forked(), flags).Dispatch(plugin);
 }
 
 void Plugin::Finish(int status, ActivateFlags& flags) {

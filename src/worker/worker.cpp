@@ -66,6 +66,14 @@ bool Worker::Saturated() {
 }
 
 bool Worker::ActivatePlugin(Plugin* plugin, ActivateFlags flags) {
+  return HandOver(plugin, flags) != WorkerPool::HandOverResult::Refused;
+}
+
+bool Worker::PassesOver(const Plugin& plugin, ActivateFlags flags) {
+  return (flags & ActivateFlag::Skip) || plugin.noOperations || plugin.skip;
+}
+
+WorkerPool::HandOverResult Worker::HandOver(Plugin* plugin, ActivateFlags flags) {
   Pool& pool = ThePool();
   if (!pool.profile) {
     pool.profile = std::make_unique<Profile>();
@@ -73,18 +81,35 @@ bool Worker::ActivatePlugin(Plugin* plugin, ActivateFlags flags) {
     // scheduler, so that the communication-failure path can report it.
     signal(SIGPIPE, SIG_IGN);
   }
-  if ((flags & ActivateFlag::Skip) || plugin->noOperations || plugin->skip) {
+  if (PassesOver(*plugin, flags)) {
     KernelLog() << "Bootstrand plugin " << plugin->name << " skipped." << std::endl;
     Profile::RecordPlugin(plugin->name, Now());
     pool.queuedResults.emplace_back(plugin, 0);
-    return true;
+    return WorkerPool::HandOverResult::PassedOver;
   }
   for (;;) {
     for (const std::unique_ptr<Worker>& worker : pool.workers) {
-      if (worker->Assign(plugin, flags)) return true;
+      if (worker->Assign(plugin, flags)) return WorkerPool::HandOverResult::Running;
     }
-    if (!Spawn(flags & ActivateFlag::DryRun)) return false;
+    if (!Spawn(flags & ActivateFlag::DryRun)) return WorkerPool::HandOverResult::Refused;
   }
+}
+
+namespace {
+
+// The forked workers behind the scheduler's seam.
+class ForkedPool : public WorkerPool {
+ public:
+  bool HasRoom() const override { return !Worker::Saturated(); }
+  HandOverResult HandOver(Plugin* plugin, ActivateFlags flags) override { return Worker::HandOver(plugin, flags); }
+  std::vector<PluginResult> Collect() override { return Worker::PluginResults(); }
+};
+
+}  // namespace
+
+WorkerPool& Worker::Forked() {
+  static ForkedPool pool;
+  return pool;
 }
 
 bool Worker::Spawn(bool dryRun) {
@@ -200,7 +225,6 @@ bool Worker::Assign(Plugin* plugin, ActivateFlags flags) {
     return false;
   }
   this->plugin = plugin;
-  plugin->active = true;
   return true;
 }
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "plugin/activate_flags.h"
+#include "plugin/worker_pool.h"
 
 namespace bootstrand {
 
@@ -39,7 +40,6 @@ struct WorkerResponse {
 static_assert(sizeof(WorkerRequest) == 16 && offsetof(WorkerRequest, flags) == 8);
 static_assert(sizeof(WorkerResponse) == 16 && offsetof(WorkerResponse, status) == 8);
 
-using PluginResult = std::pair<Plugin*, std::int32_t>;
 
 // A worker found gone; carries the plugin it held (or none) and the status to report.
 class WorkerException : public std::exception {
@@ -59,9 +59,17 @@ class Worker {
   Worker& operator=(const Worker&) = delete;
 
   static void LimitWorkers(int n);
+  // True when the plugin was passed over or given to a worker.
   static bool ActivatePlugin(Plugin* plugin, ActivateFlags flags);
+  // The same hand-over, saying which of the two happened.
+  static WorkerPool::HandOverResult HandOver(Plugin* plugin, ActivateFlags flags);
+  // True when a hand-over with `flags` does not run the plugin but reports it
+  // skipped: disabled, skipped at the prompt, or without operations.
+  static bool PassesOver(const Plugin& plugin, ActivateFlags flags);
   static std::vector<PluginResult> PluginResults();
   static bool Spawn(bool dryRun);
+  // The pool as the scheduler sees it.
+  static WorkerPool& Forked();
 
   bool Assign(Plugin* plugin, ActivateFlags flags);
   PluginResult Result();

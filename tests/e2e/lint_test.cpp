@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <random>
 
 #include "main/startup.h"
 #include "support/host_root.h"
@@ -281,42 +280,6 @@ TEST(Lint, SplitsWavesByWorkerCountAndDropsPreemptedRivals) {
   nlohmann::json serial = LintIn(root, {"--json", "--workers", "1"}).Json();
   ASSERT_EQ(RunBootstrand(root, {"--max-workers", "1"}).exitStatus, 0);
   EXPECT_EQ(WaveOrder(serial), Activated(root));
-}
-
-// Random trees, some of which deadlock, linted with one worker and booted with one:
-// the linter's waves are the activator's order, up to the point where it would stop.
-TEST(Lint, PredictsTheSerialBootOfRandomTrees) {
-  for (unsigned seed : {1u, 2u, 3u, 4u}) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    HostRoot root;
-    root.WriteCommand("ok", "sleep 0.02");
-    std::mt19937 random(seed);
-    auto chance = [&](int percent) { return static_cast<int>(random() % 100) < percent; };
-    const int count = 20;
-    for (int i = 0; i < count; ++i) {
-      std::vector<std::string> provides = {"t" + std::to_string(i)};
-      if (chance(25)) provides.push_back("shared" + std::to_string(random() % 2));
-      std::vector<std::string> requires_;
-      for (int k = 0; k < 2 && i > 0; ++k) {
-        if (chance(60)) requires_.push_back("t" + std::to_string(random() % i));
-      }
-      if (chance(10)) requires_.push_back("shared" + std::to_string(random() % 2));
-      if (chance(4)) requires_.push_back("t" + std::to_string(random() % count));
-      nlohmann::json extra = chance(15) ? Preemptive() : nlohmann::json::object();
-      std::vector<std::string> start;
-      if (chance(80)) start.push_back("ok");
-      char name[8];
-      std::snprintf(name, sizeof name, "p%02d", i);
-      root.WritePlugin(std::string(name) + ".json", JsonPlugin(provides, requires_, start, extra));
-    }
-    std::string disable = "p0" + std::to_string(random() % 10) + ",shared" + std::to_string(random() % 3);
-
-    LintRun lint = LintIn(root, {"--json", "--workers", "1", "--disable", disable});
-    ASSERT_TRUE(lint.exitStatus == 0 || lint.exitStatus == 1) << lint.err;
-    RunResult boot = RunBootstrand(root, {"--max-workers", "1", "--disable", disable});
-    EXPECT_EQ(boot.exitStatus, lint.exitStatus == 0 ? 0 : kUnmetDependenciesStatus);
-    EXPECT_EQ(WaveOrder(lint.Json()), Activated(root));
-  }
 }
 
 TEST(Lint, ReadsTheFilesAndDirectoriesItIsGiven) {

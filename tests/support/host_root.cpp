@@ -97,10 +97,13 @@ void HostRoot::WriteCommand(const std::string& commandPath, const std::string& s
 }
 
 std::vector<std::string> HostRoot::Channel(const std::string& channel) const {
+  return ChannelMessages(root_, channel);
+}
+
+std::vector<std::string> ChannelMessages(const std::string& root, const std::string& channel) {
   std::vector<std::string> messages;
-  for (const std::string& record : Lines("/var/run/trove/" + kChannelNodes.at(channel) + ".log")) {
-    messages.push_back(Unescape(record));
-  }
+  std::ifstream sink(root + "/var/run/trove/" + kChannelNodes.at(channel) + ".log");
+  for (std::string record; std::getline(sink, record);) messages.push_back(Unescape(record));
   return messages;
 }
 

@@ -44,6 +44,9 @@ class HostRoot {
   std::string root_;
 };
 
+// The messages delivered to a channel of the host root `root`.
+std::vector<std::string> ChannelMessages(const std::string& root, const std::string& channel);
+
 // A JSON plugin document of API version 1 unless `metadata` says otherwise.
 nlohmann::json JsonPlugin(const std::vector<std::string>& provides, const std::vector<std::string>& requires_,
                           const std::vector<std::string>& start, const nlohmann::json& extraMetadata = {});

@@ -70,8 +70,7 @@ class WorkerPool : public ::testing::Test {
 TEST_F(WorkerPool, ReportsEachPluginsStatusAndReusesOneWorker) {
   TestPlugin* good = Make("good");
   TestPlugin* bad = Make("bad", [] { return false; });
-  ASSERT_TRUE(Worker::ActivatePlugin(good, 0));
-  EXPECT_TRUE(good->active);
+  ASSERT_EQ(Worker::HandOver(good, 0), bootstrand::WorkerPool::HandOverResult::Running);
   EXPECT_EQ(Collect(1), (std::vector<PluginResult>{{good, 0}}));
   ASSERT_TRUE(Worker::ActivatePlugin(bad, 0));
   EXPECT_EQ(Collect(1), (std::vector<PluginResult>{{bad, 1}}));
@@ -90,7 +89,6 @@ TEST_F(WorkerPool, TheLimitBoundsTheNumberOfBusyWorkers) {
   TestPlugin* next = Make("next");
   ASSERT_TRUE(Worker::ActivatePlugin(slow, 0));
   EXPECT_FALSE(Worker::ActivatePlugin(next, 0));
-  EXPECT_FALSE(next->active);
   Collect(1);
 
   Worker::ResetPool();
@@ -113,11 +111,10 @@ TEST_F(WorkerPool, PassedOverPluginsAreQueuedFirstWithoutAWorker) {
   empty->noOperations = true;
 
   ASSERT_TRUE(Worker::ActivatePlugin(running, 0));
-  ASSERT_TRUE(Worker::ActivatePlugin(flagged, ActivateFlag::Skip));
+  ASSERT_EQ(Worker::HandOver(flagged, ActivateFlag::Skip), bootstrand::WorkerPool::HandOverResult::PassedOver);
   ASSERT_TRUE(Worker::ActivatePlugin(disabled, 0));
   ASSERT_TRUE(Worker::ActivatePlugin(empty, 0));
   EXPECT_EQ(Worker::PoolSize(), 1u);
-  EXPECT_FALSE(flagged->active);
   // Queued results come back at once, without waiting for the running plugin.
   EXPECT_EQ(Worker::PluginResults(), (std::vector<PluginResult>{{flagged, 0}, {disabled, 0}, {empty, 0}}));
   EXPECT_EQ(Collect(1), (std::vector<PluginResult>{{running, 0}}));
@@ -203,7 +200,6 @@ TEST_F(WorkerPool, AWorkerThatDiesIdleFailsTheHandOverAndIsDroppedWithoutAResult
   Worker::LimitWorkers(1);
   TestPlugin* probe = Make("probe");
   EXPECT_FALSE(Worker::ActivatePlugin(probe, 0));  // the request write fails with EPIPE
-  EXPECT_FALSE(probe->active);
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(Worker::PluginResults(), std::vector<PluginResult>{});
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),

@@ -9,6 +9,8 @@
 #include <utility>
 
 #include "plugin/plugin.h"
+#include "plugin/scheduler.h"
+#include "worker/worker.h"
 
 namespace bootstrand::lint {
 
@@ -68,7 +70,8 @@ void FindUnprovidedTags(const std::vector<const Plugin*>& loaded, const Position
 void FindSharedTags(const Positions& positions, std::vector<Finding>& warnings) {
   std::map<std::string, std::vector<const Plugin*>> shared;
   for (const auto& [tag, providers] : Plugin::providers) {
-    if (providers.size() > 1 && Plugin::plugins.PreemptiveProviderCount(tag) == 0) {
+    bool preempted = std::any_of(providers.begin(), providers.end(), [](const Plugin* each) { return each->preemptive; });
+    if (providers.size() > 1 && !preempted) {
       shared[tag].assign(providers.begin(), providers.end());
     }
   }
@@ -112,65 +115,96 @@ void FindDisabled(const std::vector<const Plugin*>& loaded, const std::vector<st
   }
 }
 
-// What Finish does for a preemptive plugin that succeeded: the other providers of its
-// tags leave the list unrun. A disabled one preempts nobody.
-void Preempt(const Plugin& plugin, std::size_t wave, const Positions& positions, LintReport& report) {
-  if (!plugin.preemptive || plugin.skip) return;
-  std::vector<const Plugin*> rivals;
-  for (const std::string& tag : plugin.provides) {
-    auto entries = Plugin::providers.find(tag);
-    if (entries == Plugin::providers.end()) continue;
-    for (Plugin* rival : entries->second) {
-      if (rival == &plugin || !Plugin::plugins.Contains(rival)) continue;
-      rivals.push_back(rival);
-      Plugin::plugins.Remove(rival);
-    }
-  }
-  for (const std::string& name : Names(rivals, positions)) report.preempted.push_back({name, plugin.name, wave});
-}
+// The workers as the waves picture them: every plugin succeeds and runs as long as
+// any other, and the scheduler's own work takes no time. So the plugins passed over
+// come back at once and alone, and the running ones all together once none is
+// queued, which closes a wave. The scheduler itself decides the rest.
+class WavePool : public WorkerPool {
+ public:
+  WavePool(std::uint32_t workers, const Positions& positions, LintReport& report)
+      : workers_(workers), positions_(positions), report_(report) {}
 
-// Runs the scheduler's passes on the plugin list, with its own readiness tracking,
-// taking every plugin to succeed and to run as long as any other, and the passes and
-// the plugins passed over to take no time. So the worker layer's results come back
-// all at once, and only after every plugin passed over has been settled: until then
-// the queued results come first and a pass follows at once, in which plugins passed
-// over and ready plugins for free workers are dispatched alongside those running.
-// Leaves the plugins that could never be dispatched in the list.
-void SimulateActivation(std::uint32_t workers, const Positions& positions, LintReport& report) {
-  PluginList& list = Plugin::plugins;
-  list.TrackReadiness();
-  std::vector<Plugin*> running;
-  std::vector<const Plugin*> run;
-  std::vector<const Plugin*> passedOver;
-  auto closeWave = [&] {
-    report.waves.push_back({Names(run, positions), Names(passedOver, positions)});
-    run.clear();
-    passedOver.clear();
-  };
-  while (!list.empty()) {
-    std::vector<Plugin*> settled;
-    for (const auto& [position, plugin] : list.ReadyToPassOver()) settled.push_back(plugin);
-    std::vector<Plugin*> started;
-    for (const auto& [position, plugin] : list.ReadyToRun()) {
-      if (workers != 0 && running.size() + started.size() >= workers) break;
-      started.push_back(plugin);
-    }
-    if (settled.empty() && started.empty() && running.empty()) break;
-    for (Plugin* plugin : settled) list.Dispatched(plugin);
-    for (Plugin* plugin : started) list.Dispatched(plugin);
-    passedOver.insert(passedOver.end(), settled.begin(), settled.end());
-    run.insert(run.end(), started.begin(), started.end());
-    running.insert(running.end(), started.begin(), started.end());
+  bool HasRoom() const override { return workers_ == 0 || running_.size() < workers_; }
 
-    std::vector<Plugin*> finished = settled.empty() ? std::exchange(running, {}) : settled;
-    for (Plugin* plugin : finished) {
-      Preempt(*plugin, report.waves.size() + 1, positions, report);
-      list.Remove(plugin);
+  HandOverResult HandOver(Plugin* plugin, ActivateFlags flags) override {
+    if (Worker::PassesOver(*plugin, flags)) {
+      queued_.push_back(plugin);
+      passedOver_.push_back(plugin);
+      return HandOverResult::PassedOver;
     }
-    if (settled.empty()) closeWave();
+    if (!HasRoom()) return HandOverResult::Refused;
+    running_.push_back(plugin);
+    run_.push_back(plugin);
+    return HandOverResult::Running;
   }
-  if (!run.empty() || !passedOver.empty()) closeWave();
-}
+
+  std::vector<PluginResult> Collect() override {
+    NotePreempted();
+    std::size_t wave = report_.waves.size() + 1;
+    std::vector<Plugin*> finished;
+    if (!queued_.empty()) {
+      finished = std::exchange(queued_, {});
+    } else {
+      finished = std::exchange(running_, {});
+      CloseWave();
+    }
+    // The scheduler finishes these next; the listed plugins they leave behind show
+    // who was preempted, at the next collection or at the end.
+    lastFinished_ = finished;
+    lastWave_ = wave;
+    listedBefore_.assign(Plugin::plugins.begin(), Plugin::plugins.end());
+    std::vector<PluginResult> results;
+    for (Plugin* plugin : finished) results.emplace_back(plugin, 0);
+    return results;
+  }
+
+  // After the scheduler's run: the last wave and the last preemptions.
+  void End() {
+    NotePreempted();
+    if (!run_.empty() || !passedOver_.empty()) CloseWave();
+  }
+
+ private:
+  void CloseWave() {
+    report_.waves.push_back({Names(run_, positions_), Names(passedOver_, positions_)});
+    run_.clear();
+    passedOver_.clear();
+  }
+
+  // Plugins that were listed at the last collection and are gone without having
+  // finished were preempted by one of the plugins finished then: the first of them,
+  // in the order they were finished, that holds the plugin back.
+  void NotePreempted() {
+    std::unordered_set<const Plugin*> finished(lastFinished_.begin(), lastFinished_.end());
+    std::vector<std::pair<const Plugin*, const Plugin*>> preempted;
+    for (const Plugin* plugin : listedBefore_) {
+      if (finished.count(plugin) != 0 || Plugin::plugins.Contains(plugin)) continue;
+      for (const Plugin* by : lastFinished_) {
+        if (!by->skip && by->Preempts(*plugin)) {
+          preempted.emplace_back(plugin, by);
+          break;
+        }
+      }
+    }
+    std::sort(preempted.begin(), preempted.end(),
+              [this](const auto& a, const auto& b) { return positions_.at(a.first) < positions_.at(b.first); });
+    for (const auto& [plugin, by] : preempted) report_.preempted.push_back({plugin->name, by->name, lastWave_});
+    listedBefore_.clear();
+    lastFinished_.clear();
+  }
+
+  const std::uint32_t workers_;
+  const Positions& positions_;
+  LintReport& report_;
+  std::vector<Plugin*> queued_;
+  std::vector<Plugin*> running_;
+  // The wave being built.
+  std::vector<const Plugin*> run_;
+  std::vector<const Plugin*> passedOver_;
+  std::vector<const Plugin*> listedBefore_;
+  std::vector<Plugin*> lastFinished_;
+  std::size_t lastWave_ = 0;
+};
 
 // Why the plugins left in the list can never start. Each waits for a listed plugin:
 // a provider of a tag it requires, or a preemptive provider that holds it back. The
@@ -185,9 +219,24 @@ class Deadlock {
     }
     for (const Plugin* plugin : stuck_) {
       for (const std::string& tag : plugin->provides) {
-        listedProviders_[tag].push_back(plugin);
         if (plugin->preemptive && !IsKindTag(tag)) preemptiveProviders_[tag].push_back(plugin);
       }
+    }
+    // The scheduler's own waits, turned round: who each stuck plugin waits on. A
+    // plugin waiting on itself and preemptive providers holding each other back are
+    // reported on their own; the other waits can form cycles through other plugins.
+    waits_.resize(stuck_.size());
+    for (std::size_t holder = 0; holder < stuck_.size(); ++holder) {
+      Plugin::plugins.WaitersOf(*stuck_[holder], [&](const PluginList::Wait& wait) {
+        if (wait.waiter == stuck_[holder] || (wait.heldBack && wait.waiter->preemptive)) return;
+        waits_[index_.at(wait.waiter)].push_back({holder, wait.tag, wait.heldBack});
+      });
+    }
+    // Sorted, so that of two equally short cycles the same one is reported.
+    for (std::vector<Wait>& waits : waits_) {
+      std::sort(waits.begin(), waits.end(), [](const Wait& a, const Wait& b) {
+        return std::tie(a.heldBack, a.tag, a.target) < std::tie(b.heldBack, b.tag, b.target);
+      });
     }
   }
 
@@ -222,30 +271,7 @@ class Deadlock {
     bool heldBack;
   };
 
-  // Waits that can form a cycle through other plugins: a plugin waiting for itself
-  // and preemptive providers holding each other back are reported on their own.
-  const std::vector<Wait>& WaitsOf(std::size_t from) {
-    auto cached = waits_.find(from);
-    if (cached != waits_.end()) return cached->second;
-    std::vector<Wait>& waits = waits_[from];
-    const Plugin* plugin = stuck_[from];
-    // Sorted tags, so that of two equally short cycles the same one is reported.
-    for (const std::string& tag : Sorted(plugin->requires_)) {
-      auto providers = listedProviders_.find(tag);
-      if (providers == listedProviders_.end()) continue;
-      for (const Plugin* provider : providers->second) {
-        if (provider != plugin) waits.push_back({index_.at(provider), tag, false});
-      }
-    }
-    if (!plugin->preemptive) {
-      for (const std::string& tag : Sorted(plugin->provides)) {
-        auto holders = preemptiveProviders_.find(tag);
-        if (holders == preemptiveProviders_.end()) continue;
-        for (const Plugin* holder : holders->second) waits.push_back({index_.at(holder), tag, true});
-      }
-    }
-    return waits;
-  }
+  const std::vector<Wait>& WaitsOf(std::size_t from) const { return waits_[from]; }
 
   // Strongly connected components of the waits (Tarjan's algorithm, iterative so
   // that a long chain cannot exhaust the stack); each with two or more plugins holds
@@ -344,9 +370,8 @@ class Deadlock {
   const Positions& positions_;
   std::vector<const Plugin*> stuck_;  // in load order
   std::unordered_map<const Plugin*, std::size_t> index_;
-  std::unordered_map<std::string, std::vector<const Plugin*>> listedProviders_;  // kind tags included
   std::unordered_map<std::string, std::vector<const Plugin*>> preemptiveProviders_;
-  std::unordered_map<std::size_t, std::vector<Wait>> waits_;
+  std::vector<std::vector<Wait>> waits_;  // by waiting plugin
   std::vector<std::vector<std::size_t>> components_;
 };
 
@@ -368,7 +393,10 @@ LintReport Lint(const LintOptions& options) {
   FindRunOnceWithoutVersion(loaded, report.warnings);
   FindDisabled(loaded, options.disable, report.warnings);
 
-  SimulateActivation(options.workers, positions, report);
+  WavePool pool(options.workers, positions, report);
+  ActivateFlags flags = 0;
+  Scheduler(pool, flags).Run();
+  pool.End();
   if (!Plugin::plugins.empty()) Deadlock(positions).Report(report.stops);
   return report;
 }
