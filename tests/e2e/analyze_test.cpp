@@ -33,12 +33,15 @@ class Analyzer : public ::testing::Test {
     return RunProgram(BOOTSTRAND_ANALYZE_BINARY, root, arguments);
   }
 
-  void BootExampleTree() {
-    std::filesystem::copy(std::string(BOOTSTRAND_EXAMPLES_DIR) + "/tree", root.Root(),
+  // Boots the example tree in `host`; `slowed`, a command path, then takes 0.3 s.
+  static void BootExampleTree(const HostRoot& host, const std::string& slowed = "") {
+    std::filesystem::copy(std::string(BOOTSTRAND_EXAMPLES_DIR) + "/tree", host.Root(),
                           std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing);
-    RunResult boot = RunBootstrand(root, {});
+    if (!slowed.empty()) host.WriteCommand(slowed, "sleep 0.3");
+    RunResult boot = RunBootstrand(host, {});
     ASSERT_EQ(boot.exitStatus, 0) << boot.err;
   }
+  void BootExampleTree() { BootExampleTree(root); }
 
   // Tags of the example plugins, as their files declare them.
   std::set<std::string> Tags(const std::string& plugin, const char* key) const {
@@ -139,7 +142,9 @@ TEST_F(Analyzer, ExitStatusesForUsageAndUnreadableInputs) {
   EXPECT_EQ(run.out.rfind("Usage: bootstrand-analyze [options] [TIMING-LOG]\n", 0), 0u);
 
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
-           {"--bogus"}, {"--top", "many"}, {"--top=-1"}, {"--svg"}, {"--json=yes"}, {"one.log", "two.log"}}) {
+           {"--bogus"}, {"--top", "many"}, {"--top=-1"}, {"--svg"}, {"--json=yes"}, {"one.log", "two.log"},
+           {"--compare"}, {"--threshold", "5ms"}, {"--compare", "old.log", "--threshold", "5"},
+           {"--compare", "old.log", "--kernel-log", "k.log"}}) {
     run = Analyze(arguments);
     EXPECT_EQ(run.exitStatus, 2) << arguments.front();
     EXPECT_NE(run.err.find("\n\nUsage: bootstrand-analyze"), std::string::npos) << run.err;
@@ -151,6 +156,7 @@ TEST_F(Analyzer, ExitStatusesForUsageAndUnreadableInputs) {
            {"--kernel-log", root.Path("/missing.log")},
            {"--alert-log", root.Path("/var/log")},
            {"--plugins", "/missing"},
+           {"--compare", root.Path("/missing.log")},
            {"--svg", root.Path("/no/such/directory/timeline.svg")}}) {
     run = Analyze(arguments);
     EXPECT_EQ(run.exitStatus, 1) << arguments.front() << run.err;
@@ -181,6 +187,54 @@ TEST_F(Analyzer, DamagedInputsAreReportedAndTheRestAnalysedWithoutTouchingTheHos
             std::string::npos)
       << run.out;
   // Nothing written: no run-once marker, no channel messages.
+  EXPECT_EQ(Snapshot(root.Root()), before);
+}
+
+// Two boots of the example tree, the second with 40-time's command slowed by 0.3 s.
+TEST_F(Analyzer, ComparesTwoBootsOfTheExampleTreeWithOneCommandSlowed) {
+  HostRoot older;
+  BootExampleTree(older);
+  BootExampleTree(root, "system time sync");
+  auto before = Snapshot(root.Root());
+  std::string olderLog = older.Path("/var/log/sysboot.log");
+  std::string svgPath = scratch.Path("/compare.svg");
+  RunResult run = Analyze({"--compare", olderLog, "--svg", svgPath, "--plugins", kPluginDirectory});
+  ASSERT_EQ(run.exitStatus, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+  std::string slower = "\nSlower plugins:\n       before        after       change  plugin\n";
+  std::size_t at = run.out.find(slower);
+  ASSERT_NE(at, std::string::npos) << run.out;
+  EXPECT_EQ(run.out.substr(at + slower.size() + 41, 8), "40-time\n") << run.out;
+  EXPECT_NE(run.out.find("\nAdded plugins: none\nRemoved plugins: none\n\nCritical chain "), std::string::npos);
+
+  run = Analyze({"--compare", olderLog, "--json", "--plugins", kPluginDirectory});
+  ASSERT_EQ(run.exitStatus, 0) << run.err;
+  const nlohmann::json report = nlohmann::json::parse(run.out)["compare"];
+  ASSERT_FALSE(report["slower"].empty());
+  EXPECT_EQ(report["slower"][0]["name"], "40-time");
+  EXPECT_GE(report["slower"][0]["delta_us"].get<long long>(), 250000);
+  ASSERT_EQ(report["plugins"].size(), 13u);
+  EXPECT_EQ(report["plugins"][0], report["slower"][0]);
+  for (std::size_t i = 1; i < report["plugins"].size(); ++i) {
+    EXPECT_GE(report["plugins"][i - 1]["delta_us"], report["plugins"][i]["delta_us"]);
+  }
+  EXPECT_EQ(report["added"], nlohmann::json::array());
+  EXPECT_EQ(report["removed"], nlohmann::json::array());
+  std::vector<std::string> chain = report["critical_chain"]["after"];
+  EXPECT_NE(std::find(chain.begin(), chain.end(), "40-time"), chain.end());
+
+  // One row per plugin holding its bar of each boot; 40-time's later bar is a slower one.
+  std::string svg = scratch.ReadFile("/compare.svg");
+  auto count = [&](const std::string& text) {
+    std::size_t found = 0;
+    for (std::size_t i = svg.find(text); i != std::string::npos; i = svg.find(text, i + 1)) ++found;
+    return found;
+  };
+  EXPECT_EQ(count("<rect class=\"bar before\""), 13u);
+  EXPECT_EQ(count("<rect class=\"bar after "), 13u);
+  std::size_t row = svg.find(">40-time</text><rect class=\"bar before\"");
+  ASSERT_NE(row, std::string::npos);
+  EXPECT_EQ(svg.find("<rect class=\"bar after slower\"", row), svg.find("<rect class=\"bar after ", row));
   EXPECT_EQ(Snapshot(root.Root()), before);
 }
 

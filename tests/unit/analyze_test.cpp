@@ -1,5 +1,6 @@
 // The boot analyzer's readers (timing log, channel sinks, plugin files), its blame
-// order and critical chain, and the bars of its SVG timeline.
+// order and critical chain, the bars of its SVG timeline, and the comparison of two
+// boots.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -8,6 +9,7 @@
 #include <sstream>
 
 #include "analyze/analysis.h"
+#include "analyze/comparison.h"
 #include "analyze/dependency_graph.h"
 #include "analyze/plugin_outcomes.h"
 #include "analyze/timeline_svg.h"
@@ -327,6 +329,106 @@ TEST(AnalyzeTimelineSvgTest, OneBarPerPluginInStartOrderColouredByOutcome) {
   // Ticks every 10 ms over the 100 ms of activation, each labelled above and below.
   EXPECT_NE(svg.find(">100 ms</text><text"), std::string::npos);
   EXPECT_EQ(svg.find(">110 ms<"), std::string::npos);
+}
+
+// Two boots, plugins as (name, start, end) in milliseconds. Before: d 10 ms, a 50, b 60,
+// e 50, c 40, dup 10 + 10 (two plugins, one name), gone 5. After: d 30, b 65, a 55,
+// e 54, c 35, dup 10, new 1.
+Comparison CompareExample(const std::string& threshold) {
+  Analysis before = Analyzed({{"d", 0, 10}, {"a", 0, 50}, {"gone", 0, 5}, {"b", 0, 60}, {"e", 0, 50}, {"c", 0, 40},
+                              {"dup", 0, 10}, {"dup", 20, 30}},
+                             "");
+  Analysis after = Analyzed(
+      {{"new", 0, 1}, {"b", 0, 65}, {"a", 0, 55}, {"c", 0, 35}, {"d", 0, 30}, {"e", 0, 54}, {"dup", 40, 50}}, "");
+  return Compare(before, after, ParseThreshold(threshold).value());
+}
+
+std::vector<std::string> ChangeNames(const Comparison& comparison, const std::vector<std::size_t>& listed) {
+  std::vector<std::string> names;
+  for (std::size_t index : listed) names.push_back(comparison.plugins[index].name);
+  return names;
+}
+
+TEST(AnalyzeComparisonTest, SortsByChangeAndListsOnlyChangesPastBothThresholds) {
+  using Names = std::vector<std::string>;
+  struct Case {
+    const char* threshold;
+    Names slower;
+    Names faster;
+  };
+  for (const Case& test : {
+           Case{"5ms,10%", {"d", "a"}, {"dup", "c"}},  // a: +5 ms is exactly 10 %; b: +5 ms is 8 %
+           Case{"0us,0%", {"d", "a", "b", "e"}, {"dup", "c"}},
+           Case{"20ms", {"d"}, {}},
+           Case{"1ms,50%", {"d"}, {"dup"}},  // dup: 20 ms to 10 ms is exactly 50 %
+       }) {
+    Comparison comparison = CompareExample(test.threshold);
+    Names order;
+    for (const PluginChange& change : comparison.plugins) order.push_back(change.name);
+    EXPECT_EQ(order, (Names{"d", "a", "b", "e", "c", "dup"})) << test.threshold;
+    EXPECT_EQ(comparison.plugins.back().before, 20000);
+    EXPECT_EQ(ChangeNames(comparison, comparison.slower), test.slower) << test.threshold;
+    EXPECT_EQ(ChangeNames(comparison, comparison.faster), test.faster) << test.threshold;
+    EXPECT_EQ(comparison.added, Names{"new"});
+    EXPECT_EQ(comparison.removed, Names{"gone"});
+  }
+}
+
+TEST(AnalyzeComparisonTest, ThresholdsParseAsDurationPercentageOrBoth) {
+  for (const auto& [text, absolute, basisPoints] : std::vector<std::tuple<std::string, Microseconds, int>>{
+           {"5ms,10%", 5000, 1000}, {"10%,5ms", 5000, 1000}, {"2.5s", 2500000, 1000}, {"0.25%", 5000, 25},
+           {"250us,0%", 250, 0}, {"0.001s", 1000, 1000}}) {
+    std::optional<Threshold> threshold = ParseThreshold(text);
+    ASSERT_TRUE(threshold) << text;
+    EXPECT_EQ(threshold->absolute, absolute) << text;
+    EXPECT_EQ(threshold->basisPoints, basisPoints) << text;
+  }
+  for (const char* bad : {"", "5", "5m", "5ms,", ",10%", "5ms,6ms", "10%,20%", "-5ms", "1.5us", "5 ms", "10.125%",
+                          "1e3ms", ".5ms", "5.ms", "10%%", "9999999999s"}) {
+    EXPECT_EQ(ParseThreshold(bad), std::nullopt) << bad;
+  }
+}
+
+TEST(AnalyzeComparisonTest, ReportsTotalsALogWithoutSummaryAndTheChains) {
+  Problems problems;
+  std::string summary = "=== Bootstrand configuration info ===\n Start: " + FormatTimestamp(kBase) +
+                        "\n End: " + FormatTimestamp(kBase + 100000) + "\n";
+  Analysis before = Analyze(Read("Ondrik Initialization Time: 61000000\n" + PluginLine(kBase, kBase + 8000, "a") +
+                                     PluginLine(kBase + 9000, kBase + 10000, "b") + summary,
+                                 problems),
+                            PluginOutcomes(), nullptr);
+  // A boot that did not end: its plugins span 2 ms to 32 ms.
+  Analysis after = Analyze(Read("Ondrik Initialization Time: 64000000\n" + PluginLine(kBase + 2000, kBase + 20000, "a") +
+                                    PluginLine(kBase + 20000, kBase + 32000, "c"),
+                                problems),
+                           PluginOutcomes(), nullptr);
+  EXPECT_TRUE(problems.empty());
+  for (Analysis* analysis : {&before, &after}) {
+    analysis->chain = std::vector<std::size_t>{0, 1};
+    analysis->chainNotes.clear();
+  }
+  Comparison comparison = Compare(before, after, Threshold());
+  std::ostringstream text;
+  PrintComparison(text, comparison, 1);
+  EXPECT_EQ(text.str(),
+            "Activation: 100.0 ms -> 30.0 ms (-70.0 ms)\n"
+            "  after: no summary in the timing log (the run did not end normally); "
+            "the span of its timed plugins counts instead\n"
+            "Kernel start to activation start: 61 s -> 64 s (+3 s)\n"
+            "Plugins timed in both boots: 1; 1 slower, 0 faster by at least 5.0 ms and 10 %\n\n"
+            "Slower plugins:\n       before        after       change  plugin\n"
+            "       8.0 ms      18.0 ms     +10.0 ms  a\n\n"
+            "Faster plugins: none\n\n"
+            "Added plugins: c\nRemoved plugins: b\n\n"
+            "Critical chain changed:\n  before: a -> b\n  after:  a -> c\n");
+  nlohmann::json json = ComparisonJson(comparison, 0);
+  EXPECT_EQ(json["activation"], nlohmann::json::parse(R"({"before_us": 100000, "after_us": 30000, "delta_us": -70000,
+                                 "before_has_summary": true, "after_has_summary": false})"));
+  EXPECT_EQ(json["plugins"], nlohmann::json::parse(R"([{"name": "a", "before_us": 8000, "after_us": 18000,
+                                                        "delta_us": 10000}])"));
+  EXPECT_EQ(json["slower"], json["plugins"]);
+  EXPECT_EQ(json["kernel_to_activation"]["delta_us"], 3000000);
+  EXPECT_EQ(json["critical_chain"]["changed"], true);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // bootstrand-analyze: reads the boot timing log and the message-channel sinks of a
-// boot and prints where the time went; optionally draws the boot as an SVG timeline.
-// It only reads the host; the one file it writes is the SVG it is asked for.
+// boot and prints where the time went, or compares two boots; optionally draws the
+// boot (or both) as an SVG timeline. It only reads the host; the one file it writes
+// is the SVG it is asked for.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <optional>
 #include <sstream>
@@ -16,6 +18,8 @@
 #include <vector>
 
 #include "analyze/analysis.h"
+#include "analyze/comparison.h"
+#include "analyze/comparison_svg.h"
 #include "analyze/dependency_graph.h"
 #include "analyze/plugin_outcomes.h"
 #include "analyze/timeline_svg.h"
@@ -49,6 +53,18 @@ constexpr const char* kUsage =
     "  --svg FILE           also write the timeline as an SVG image to FILE\n"
     "  --top N              list the N slowest plugins (default 10, 0 for all)\n"
     "  --json               print the figures as one JSON object instead of text\n"
+    "  --compare OLD-LOG    compare with an earlier boot, whose timing log was kept as\n"
+    "                       OLD-LOG: the change of the totals, the plugins that got\n"
+    "                       slower or faster (as many of each as --top says), those\n"
+    "                       added and removed and, with --plugins, whether the\n"
+    "                       critical chain changed; --svg draws both boots. A\n"
+    "                       plugin's time is its timing line's end minus its start;\n"
+    "                       plugins that share a name count with the sum of their\n"
+    "                       times. The channel sinks are not read\n"
+    "  --threshold ABS,REL% with --compare, the noise of a boot: a change counts as\n"
+    "                       slower or faster only when it is at least ABS (a number\n"
+    "                       with us, ms or s) and at least REL percent of the time\n"
+    "                       before (default 5ms,10%; a part left out keeps its default)\n"
     "  --help               print this text\n"
     "\n"
     "Exit status: 0 when the report was printed, 1 when an input cannot be read or the\n"
@@ -68,6 +84,8 @@ struct Options {
   std::optional<std::string> alertLog;
   std::optional<std::vector<std::string>> plugins;
   std::optional<std::string> svg;
+  std::optional<std::string> compare;  // the timing log of the earlier boot
+  std::optional<Threshold> threshold;
   std::size_t top = 10;
   bool json = false;
   bool help = false;
@@ -118,6 +136,14 @@ Options ParseOptions(int argc, char** argv) {
         throw UsageError("--top needs a count, not '" + number + "'");
       }
       options.top = static_cast<std::size_t>(top);
+    } else if (argument == "--compare") {
+      options.compare = value();
+    } else if (argument == "--threshold") {
+      std::string text = value();
+      options.threshold = ParseThreshold(text);
+      if (!options.threshold) {
+        throw UsageError("--threshold needs a duration, a percentage or both, such as 5ms,10%, not '" + text + "'");
+      }
     } else if (argument == "--plugins") {
       if (!options.plugins) options.plugins.emplace();
       if (inlineValue) {
@@ -128,6 +154,10 @@ Options ParseOptions(int argc, char** argv) {
     } else {
       throw UsageError("unknown option " + argument);
     }
+  }
+  if (options.threshold && !options.compare) throw UsageError("--threshold needs --compare");
+  if (options.compare && (options.kernelLog || options.alertLog)) {
+    throw UsageError("--compare reads no channel sinks: drop --kernel-log and --alert-log");
   }
   return options;
 }
@@ -160,11 +190,50 @@ void ReportProblems(const Problems& problems) {
   }
 }
 
+TimingLog ReadTiming(const std::string& path, Problems& problems) {
+  std::istringstream text(*ReadWholeFile(path, false));
+  return ReadTimingLog(text, path, problems);
+}
+
+// The tags of the plugin files, when --plugins asks for the critical chain.
+std::optional<DependencyGraph> LoadGraph(const Options& options, Problems& problems) {
+  std::optional<DependencyGraph> graph;
+  if (options.plugins) {
+    // Nothing here writes to the message channels; this keeps it so should a loader
+    // ever report through them.
+    bootstrand::DeactivateKernelLog();
+    try {
+      graph.emplace().Load(*options.plugins, problems);
+    } catch (const std::runtime_error& error) {
+      throw InputError(error.what());
+    }
+  }
+  return graph;
+}
+
+// False, after saying why, when the SVG that `draw` makes cannot be written.
+bool WriteSvg(const std::string& path, const std::function<void(std::ostream&)>& draw) {
+  std::ofstream svg(path, std::ios::trunc);
+  draw(svg);
+  svg.close();
+  if (!svg) {
+    std::cerr << kProgram << ": cannot write " << path << ": " << std::strerror(errno) << '\n';
+    return false;
+  }
+  return true;
+}
+
+void PrintJson(nlohmann::json report, const Problems& problems) {
+  report["problems"] = nlohmann::json::array();
+  for (const Problem& problem : problems) report["problems"].push_back(Describe(problem));
+  // Plugin names are file names: any bytes. Replace what is not UTF-8.
+  std::cout << report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+}
+
 int Run(const Options& options) {
   Problems problems;
   std::string timingPath = options.timingLog.value_or(bootstrand::HostPath("/var/log/sysboot.log"));
-  std::istringstream timingText(*ReadWholeFile(timingPath, false));
-  TimingLog timing = ReadTimingLog(timingText, timingPath, problems);
+  TimingLog timing = ReadTiming(timingPath, problems);
 
   PluginOutcomes outcomes;
   std::string kernelPath = options.kernelLog.value_or(bootstrand::TroveSinkPath(Trove_NODE_system_log));
@@ -181,40 +250,47 @@ int Run(const Options& options) {
     outcomes.ReadAlertSink(text, alertPath, problems);
   }
 
-  std::optional<DependencyGraph> graph;
-  if (options.plugins) {
-    // Nothing here writes to the message channels; this keeps it so should a loader
-    // ever report through them.
-    bootstrand::DeactivateKernelLog();
-    try {
-      graph.emplace().Load(*options.plugins, problems);
-    } catch (const std::runtime_error& error) {
-      throw InputError(error.what());
-    }
-  }
-
+  std::optional<DependencyGraph> graph = LoadGraph(options, problems);
   Analysis analysis = Analyze(std::move(timing), outcomes, graph ? &*graph : nullptr);
   ReportProblems(problems);
-  if (options.svg) {
-    std::ofstream svg(*options.svg, std::ios::trunc);
-    WriteTimelineSvg(svg, analysis);
-    svg.close();
-    if (!svg) {
-      std::cerr << kProgram << ": cannot write " << *options.svg << ": " << std::strerror(errno) << '\n';
-      return 1;
-    }
-  }
+  if (options.svg && !WriteSvg(*options.svg, [&](std::ostream& svg) { WriteTimelineSvg(svg, analysis); })) return 1;
   if (options.json) {
     nlohmann::json report = ReportJson(analysis, options.top);
     report["timing_log"] = timingPath;
-    report["problems"] = nlohmann::json::array();
-    for (const Problem& problem : problems) report["problems"].push_back(Describe(problem));
-    // Plugin names are file names: any bytes. Replace what is not UTF-8.
-    std::cout << report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+    PrintJson(std::move(report), problems);
   } else {
     std::cout << "Timing log: " << timingPath << '\n';
     PrintReport(std::cout, analysis, options.top);
     if (options.svg) std::cout << "\nTimeline: " << *options.svg << '\n';
+  }
+  std::cout.flush();
+  return std::cout ? 0 : 1;
+}
+
+// --compare: the boot before from its kept timing log, the boot after from the host's
+// (or the given) timing log; both chains from the same plugin files.
+int RunCompare(const Options& options) {
+  Problems problems;
+  const std::string& beforePath = *options.compare;
+  std::string afterPath = options.timingLog.value_or(bootstrand::HostPath("/var/log/sysboot.log"));
+  TimingLog beforeTiming = ReadTiming(beforePath, problems);
+  TimingLog afterTiming = ReadTiming(afterPath, problems);
+  std::optional<DependencyGraph> graph = LoadGraph(options, problems);
+  PluginOutcomes noOutcomes;
+  Analysis before = Analyze(std::move(beforeTiming), noOutcomes, graph ? &*graph : nullptr);
+  Analysis after = Analyze(std::move(afterTiming), noOutcomes, graph ? &*graph : nullptr);
+  Comparison comparison = Compare(before, after, options.threshold.value_or(Threshold()));
+  ReportProblems(problems);
+  auto draw = [&](std::ostream& svg) { WriteComparisonSvg(svg, before, after, comparison); };
+  if (options.svg && !WriteSvg(*options.svg, draw)) return 1;
+  if (options.json) {
+    PrintJson({{"compare", ComparisonJson(comparison, options.top)},
+               {"timing_logs", {{"before", beforePath}, {"after", afterPath}}}},
+              problems);
+  } else {
+    std::cout << "Before: " << beforePath << "\nAfter: " << afterPath << '\n';
+    PrintComparison(std::cout, comparison, options.top);
+    if (options.svg) std::cout << "\nTimeline of both boots: " << *options.svg << '\n';
   }
   std::cout.flush();
   return std::cout ? 0 : 1;
@@ -235,7 +311,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   try {
-    return Run(options);
+    return options.compare ? RunCompare(options) : Run(options);
   } catch (const InputError& error) {
     std::cerr << kProgram << ": " << error.what() << '\n';
     return 1;

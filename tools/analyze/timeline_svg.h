@@ -5,17 +5,12 @@
 #pragma once
 
 #include <ostream>
-#include <string>
-#include <string_view>
 
 #include "analyze/analysis.h"
+#include "analyze/timeline_frame.h"
 
 namespace bootstrand::analyze {
 
 void WriteTimelineSvg(std::ostream& output, const Analysis& analysis);
-
-// Text made safe for XML character data and attribute values: markup characters
-// escaped, control characters and bytes that are not UTF-8 replaced by "?".
-std::string XmlText(std::string_view text);
 
 }  // namespace bootstrand::analyze
