@@ -50,6 +50,7 @@ constexpr const char* kUsage =
     "  --top N              list the N slowest plugins (default 10, 0 for all)\n"
     "  --json               print the figures as one JSON object instead of text\n"
     "  --help               print this text\n"
+    "  --version            print the version\n"
     "\n"
     "Exit status: 0 when the report was printed, 1 when an input cannot be read or the\n"
     "SVG cannot be written, 2 for bad usage.\n";
@@ -71,6 +72,7 @@ struct Options {
   std::size_t top = 10;
   bool json = false;
   bool help = false;
+  bool version = false;
 };
 
 Options ParseOptions(int argc, char** argv) {
@@ -98,6 +100,9 @@ Options ParseOptions(int argc, char** argv) {
     if (argument == "--help") {
       noValue();
       options.help = true;
+    } else if (argument == "--version") {
+      noValue();
+      options.version = true;
     } else if (argument == "--json") {
       noValue();
       options.json = true;
@@ -232,6 +237,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     std::cout << kUsage;
+    return 0;
+  }
+  if (options.version) {
+    std::cout << kProgram << ' ' << BOOTSTRAND_VERSION << '\n';
     return 0;
   }
   try {
