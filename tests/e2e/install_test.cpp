@@ -76,7 +76,8 @@ TEST_F(Installed, LaysOutTheFilesWithTheInstallPrefix) {
                                     "/usr/share/bash-completion/completions/bootstrand-lint",
                                     "/usr/share/bash-completion/completions/bootstrand-analyze",
                                     "/usr/share/doc/bootstrand/copyright",
-                                    "/usr/share/doc/bootstrand/changelog.gz"};
+                                    "/usr/share/doc/bootstrand/changelog.gz",
+                                    "/usr/share/lintian/overrides/bootstrand"};
   expected.insert(kManualPages.begin(), kManualPages.end());
   EXPECT_EQ(files, expected);
 
@@ -128,13 +129,12 @@ TEST_F(Installed, NativePluginsBuiltWithTheSdkBootInOrder) {
                               {{"PKG_CONFIG_PATH", Staged("/usr/share/pkgconfig")}, {"PKG_CONFIG_SYSROOT_DIR", stage}});
   ASSERT_EQ(pkgConfig.exitStatus, 0) << pkgConfig.err;
 
-  scratch.WriteFile("/plugin/CMakeLists.txt", "cmake_minimum_required(VERSION 3.20)\nproject(coredump C)\n"
-                                              "find_package(BootstrandPlugin 1.0 REQUIRED)\n"
-                                              "bootstrand_add_plugin(coredump-cmake \"" + source + "\")\n");
+  // examples/sdk builds coredump.so; copied under another name, it is another plugin.
   RunResult cmake = Shell(scratch,
-                          "set -e; \"$1\" -S \"$2\" -B \"$2/build\" -DCMAKE_PREFIX_PATH=\"$3\" >/dev/null; "
-                          "\"$1\" --build \"$2/build\" >/dev/null; cp \"$2/build/coredump-cmake.so\" \"$4\"",
-                          {BOOTSTRAND_CMAKE, scratch.Path("/plugin"), Staged("/usr"), viaCMake});
+                          "set -e; \"$1\" -S \"$2\" -B \"$3\" -DCMAKE_PREFIX_PATH=\"$4\" >/dev/null; "
+                          "\"$1\" --build \"$3\" >/dev/null; cp \"$3/coredump.so\" \"$5\"",
+                          {BOOTSTRAND_CMAKE, std::string(BOOTSTRAND_EXAMPLES_DIR) + "/sdk", scratch.Path("/sdk"),
+                           Staged("/usr"), viaCMake});
   ASSERT_EQ(cmake.exitStatus, 0) << cmake.out << cmake.err;
 
   for (const std::string& plugin : {viaPkgConfig, viaCMake}) {
