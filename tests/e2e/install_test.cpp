@@ -40,8 +40,8 @@ class Installed : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!BOOTSTRAND_MAN_BUILT) {
-      GTEST_SKIP() << "scdoc was not found when this build was configured, so the manual pages were not built: "
-                      "install it (tools/install-deps) and configure again";
+      GTEST_SKIP() << "the manual pages were not built (scdoc was missing when this build was configured, or "
+                      "BOOTSTRAND_MAN=OFF): install scdoc (tools/install-deps) and configure again";
     }
     for (const char* tool : {"pkg-config", "cc"}) {
       if (!Available(scratch, tool)) GTEST_SKIP() << tool << " is missing (tools/install-deps installs it)";
