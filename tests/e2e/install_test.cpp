@@ -189,7 +189,7 @@ TEST_F(Installed, CompletionOffersOptionsPluginsAndTagsWithoutRunningTheActivato
                                       "for line in \"$@\"; do\n"
                                       "  read -ra COMP_WORDS <<<\"$line\"\n"
                                       "  COMP_CWORD=$((${#COMP_WORDS[@]} - 1)) COMP_LINE=$line COMP_POINT=${#line}\n"
-                                      "  spec=$(complete -p \"${COMP_WORDS[0]}\"); function=${spec#*-F }\n"
+                                      "  registration=$(complete -p \"${COMP_WORDS[0]}\"); function=${registration#*-F }\n"
                                       "  COMPREPLY=()\n"
                                       "  ${function%% *} \"${COMP_WORDS[0]}\" \"${COMP_WORDS[COMP_CWORD]}\" "
                                       "\"${COMP_WORDS[COMP_CWORD - 1]}\"\n"
