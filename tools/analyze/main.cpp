@@ -66,6 +66,7 @@ constexpr const char* kUsage =
     "                       with us, ms or s) and at least REL percent of the time\n"
     "                       before (default 5ms,10%; a part left out keeps its default)\n"
     "  --help               print this text\n"
+    "  --version            print the version\n"
     "\n"
     "Exit status: 0 when the report was printed, 1 when an input cannot be read or the\n"
     "SVG cannot be written, 2 for bad usage.\n";
@@ -89,6 +90,7 @@ struct Options {
   std::size_t top = 10;
   bool json = false;
   bool help = false;
+  bool version = false;
 };
 
 Options ParseOptions(int argc, char** argv) {
@@ -116,6 +118,9 @@ Options ParseOptions(int argc, char** argv) {
     if (argument == "--help") {
       noValue();
       options.help = true;
+    } else if (argument == "--version") {
+      noValue();
+      options.version = true;
     } else if (argument == "--json") {
       noValue();
       options.json = true;
@@ -308,6 +313,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     std::cout << kUsage;
+    return 0;
+  }
+  if (options.version) {
+    std::cout << kProgram << ' ' << BOOTSTRAND_VERSION << '\n';
     return 0;
   }
   try {

@@ -23,6 +23,7 @@ class UsageError : public std::runtime_error {
 
 struct LintOptions {
   bool help = false;
+  bool version = false;
   bool json = false;
   std::uint32_t workers = 0;  // 0: no limit, as the activator on a large host
   std::vector<std::string> disable;

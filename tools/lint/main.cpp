@@ -13,6 +13,10 @@ int main(int argc, char* argv[]) {
       WriteLintUsage(std::cout);
       return 0;
     }
+    if (options.version) {
+      std::cout << "bootstrand-lint " BOOTSTRAND_VERSION << std::endl;
+      return 0;
+    }
     // Nothing here writes to the message channels; this keeps it so should a loader
     // ever report through them.
     bootstrand::DeactivateKernelLog();

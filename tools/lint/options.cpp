@@ -45,6 +45,8 @@ LintOptions ParseLintArguments(const std::vector<std::string>& arguments) {
       optionsEnded = true;
     } else if (argument == "-h" || argument == "--help") {
       parsed.help = true;
+    } else if (argument == "--version") {
+      parsed.version = true;
     } else if (argument == "--json") {
       parsed.json = true;
     } else if (IsOption(argument, "--workers")) {
@@ -72,6 +74,7 @@ void WriteLintUsage(std::ostream& stream) {
             "  --workers N     at most N plugins per wave (default: no limit)\n"
             "  --disable a,b   plugins, provided tags or run-once keys to disable, as\n"
             "                  bootstrand --disable\n"
+            "  --version       print the version\n"
             "  -h, --help      show this help\n"
             "\n"
             "Host paths are taken under BOOTSTRAND_ROOT, as bootstrand takes them.\n"
