@@ -92,7 +92,7 @@ Analysis Analyze(TimingLog timing, const PluginOutcomes& outcomes, const Depende
     return analysis;
   }
   analysis.chain = CriticalChain(plugins, *graph);
-  if (!analysis.chain->empty() && graph->Find(plugins[analysis.chain->front()].name) == nullptr) {
+  if (!analysis.chain->empty() && !graph->Knows(plugins[analysis.chain->front()].name)) {
     analysis.chainNotes.push_back("stops at " + plugins[analysis.chain->front()].name +
                                   ": no plugin file declares its tags");
   }

@@ -17,32 +17,23 @@ void DependencyGraph::Load(const std::vector<std::string>& paths, Problems& prob
       problems.push_back({file, 0, std::string("not loaded, left out of the chain: ") + error.what()});
     }
   }
-  for (const Plugin* plugin : Plugin::plugins) {
-    PluginDeclaration& known = plugins_[plugin->name];
-    known.provides.insert(plugin->provides.begin(), plugin->provides.end());
-    known.requires_.insert(plugin->requires_.begin(), plugin->requires_.end());
-    known.preemptive = known.preemptive || plugin->preemptive;
+  for (const Plugin* holder : Plugin::plugins) {
+    waitsOn_[holder->name];
+    Plugin::plugins.WaitersOf(*holder, [&](const PluginList::Wait& wait) {
+      if (wait.waiter != holder) waitsOn_[wait.waiter->name].insert(holder->name);
+    });
   }
 }
 
-const PluginDeclaration* DependencyGraph::Find(const std::string& name) const {
-  auto found = plugins_.find(name);
-  return found == plugins_.end() ? nullptr : &found->second;
+const std::set<std::string>* DependencyGraph::WaitsOn(const std::string& name) const {
+  auto found = waitsOn_.find(name);
+  return found == waitsOn_.end() ? nullptr : &found->second;
 }
 
 std::vector<std::size_t> CriticalChain(const std::vector<TimedPlugin>& plugins, const DependencyGraph& graph) {
   if (plugins.empty()) return {};
-  // Which timed plugins provide each tag, and which of them preemptively.
-  std::unordered_map<std::string, std::vector<std::size_t>> providers;
-  std::unordered_map<std::string, std::vector<std::size_t>> preemptiveProviders;
-  for (std::size_t i = 0; i < plugins.size(); ++i) {
-    const PluginDeclaration* declaration = graph.Find(plugins[i].name);
-    if (declaration == nullptr) continue;
-    for (const std::string& tag : declaration->provides) {
-      providers[tag].push_back(i);
-      if (declaration->preemptive && Plugin::kindTags.count(tag) == 0) preemptiveProviders[tag].push_back(i);
-    }
-  }
+  std::unordered_map<std::string, std::vector<std::size_t>> timed;  // by name
+  for (std::size_t i = 0; i < plugins.size(); ++i) timed[plugins[i].name].push_back(i);
 
   std::size_t last = 0;
   for (std::size_t i = 1; i < plugins.size(); ++i) {
@@ -53,21 +44,17 @@ std::vector<std::size_t> CriticalChain(const std::vector<TimedPlugin>& plugins, 
   inChain[last] = true;
   for (;;) {
     const TimedPlugin& waiting = plugins[chain.back()];
-    const PluginDeclaration* declaration = graph.Find(waiting.name);
-    if (declaration == nullptr) break;
+    const std::set<std::string>* waitsOn = graph.WaitsOn(waiting.name);
+    if (waitsOn == nullptr) break;
     std::optional<std::size_t> heldBy;
-    auto consider = [&](const std::vector<std::size_t>& candidates) {
-      for (std::size_t candidate : candidates) {
+    for (const std::string& name : *waitsOn) {
+      auto candidates = timed.find(name);
+      if (candidates == timed.end()) continue;
+      for (std::size_t candidate : candidates->second) {
         const TimedPlugin& other = plugins[candidate];
         if (inChain[candidate] || other.end > waiting.start) continue;
         if (!heldBy || other.end >= plugins[*heldBy].end) heldBy = candidate;
       }
-    };
-    for (const std::string& tag : declaration->requires_) {
-      if (auto found = providers.find(tag); found != providers.end()) consider(found->second);
-    }
-    for (const std::string& tag : declaration->provides) {
-      if (auto found = preemptiveProviders.find(tag); found != preemptiveProviders.end()) consider(found->second);
     }
     if (!heldBy) break;
     chain.push_back(*heldBy);
