@@ -3,12 +3,13 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <fstream>
+#include <optional>
 #include <iostream>
 
 #include "log/channels.h"
 #include "log/process_logging.h"
 #include "platform/host_log.h"
+#include "platform/file_text.h"
 #include "platform/host_path.h"
 #include "platform/jsonxx.h"
 #include "platform/standard_streams.h"
@@ -60,11 +61,9 @@ std::string NameOf(const std::string& path) {
 void Plugin::LoadJsonPlugin(const std::string& path) { new JsonPlugin(path); }
 
 JsonPlugin::JsonPlugin(const std::string& path) : Plugin(NameOf(path), {"json plugins"}, {}) {
+  // A file that cannot be read leaves a root that is not an object, and fails below.
   value root;
-  {
-    std::ifstream file(HostPath(path));
-    jsonxx::parse(file, root);
-  }
+  if (std::optional<std::string> text = ReadWholeFile(HostPath(path))) jsonxx::parse(*text, root);
   if (!root.is(Kind::object)) throw JsonException(kNotA, "value", "JsonObject");
   value meta = Require(root, "metadata", Kind::object, "plugin[\"metadata\"]", "JsonObject");
   value ops = Require(root, "operations", Kind::object, "plugin[\"operations\"]", "JsonObject");

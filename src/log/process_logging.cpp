@@ -6,12 +6,12 @@
 #include <cstdio>
 #include <iostream>
 #include <string>
+#include <unordered_map>
 
 #include "platform/dictionary.h"
 #include "platform/host_log.h"
 #include "platform/host_path.h"
 #include "platform/product_state.h"
-#include "platform/standard_streams.h"
 
 void init_logging(const char* id) {
   std::fflush(stdout);
@@ -47,27 +47,45 @@ void init_logging(const char* id) {
   Dictionary_Free(dictionary);
 }
 
+namespace {
+
+// The descriptors init_fds copies onto the standard streams stay open in this
+// process (close-on-exec, above the standard streams), so that a worker running many
+// plugins opens each file once: /dev/null under "", each log under its host path.
+int KeptOpen(const std::string& path, int flags) {
+  static auto* kept = new std::unordered_map<std::string, int>;
+  auto found = kept->find(path);
+  if (found != kept->end()) return found->second;
+  int fd = open(path.empty() ? "/dev/null" : path.c_str(), flags | O_CLOEXEC, 0644);
+  if (fd < 0) return -1;
+  if (fd <= STDERR_FILENO) {
+    // A standard stream was closed: the file must not stay on its descriptor.
+    int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    if (moved < 0) return -1;
+    fd = moved;
+  }
+  return kept->emplace(path, fd).first->second;
+}
+
+}  // namespace
+
 void init_fds(const char* path) {
   // Anything still buffered belongs to the old destination.
   std::cout.flush();
   std::cerr.flush();
   std::fflush(nullptr);
-  int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  int null = KeptOpen("", O_RDWR);
   if (null < 0) {
     Warning("Failed opening /dev/null");
-  } else if (!bootstrand::RedirectOnto(null, STDIN_FILENO)) {
+  } else if (dup2(null, STDIN_FILENO) != STDIN_FILENO) {
     Warning("Failed redirecting stdin to /dev/null");
   }
-  std::string hostPath = bootstrand::HostPath(path);
-  int log = open(hostPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  int log = KeptOpen(bootstrand::HostPath(path), O_WRONLY | O_CREAT | O_APPEND);
   if (log < 0) {
     Warning("Failed opening log file %s", path);
     return;
   }
-  // The log lands on standard output or error when that one was closed; it must
-  // then lose close-on-exec like the copies below, or commands lose the stream.
-  if (log <= STDERR_FILENO) fcntl(log, F_SETFD, 0);
   if (dup2(log, STDOUT_FILENO) != STDOUT_FILENO) Warning("Failed redirecting stdout to %s", path);
   if (dup2(log, STDERR_FILENO) != STDERR_FILENO) Warning("Failed redirecting stderr to %s", path);
-  if (log > STDERR_FILENO) close(log);
 }

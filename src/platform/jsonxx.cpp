@@ -1,5 +1,8 @@
 #include "platform/jsonxx.h"
 
+#include <iterator>
+#include <string>
+
 namespace jsonxx {
 
 value::kind value::type() const {
@@ -36,25 +39,50 @@ double value::number() const { return json_.is_number() ? json_.get<double>() : 
 
 bool value::boolean() const { return json_.is_boolean() && json_.get<bool>(); }
 
-bool parse(std::istream& input, value& result) {
-  // Copying and comparing values recurse once per level, so a document nested
-  // thousands deep would exhaust the stack later on. Nothing nested deeper than
-  // kMaxDepth is kept, and such a document counts as not parsed.
-  bool tooDeep = false;
-  auto limitDepth = [&tooDeep](int depth, nlohmann::json::parse_event_t event, nlohmann::json&) {
-    if (depth < kMaxDepth) return true;
-    if (event == nlohmann::json::parse_event_t::object_start || event == nlohmann::json::parse_event_t::array_start) {
-      tooDeep = true;
+namespace {
+
+// Copying and comparing values recurse once per level, so a document nested
+// thousands deep would exhaust the stack later on. The nesting is measured before
+// parsing (brackets outside strings), which lets the parser run without a callback.
+bool NestsTooDeep(std::string_view text) {
+  int depth = 0;
+  bool inString = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (inString) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > kMaxDepth) return true;
+    } else if (c == ']' || c == '}') {
+      --depth;
     }
-    return false;
-  };
-  nlohmann::json parsed = nlohmann::json::parse(input, limitDepth, /*allow_exceptions=*/false);
-  if (parsed.is_discarded() || tooDeep) {
+  }
+  return false;
+}
+
+}  // namespace
+
+bool parse(std::string_view text, value& result) {
+  nlohmann::json parsed;
+  bool tooDeep = NestsTooDeep(text);
+  if (!tooDeep) parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (tooDeep || parsed.is_discarded()) {
     result = value();
     return false;
   }
   result = value(std::move(parsed));
   return true;
+}
+
+bool parse(std::istream& input, value& result) {
+  std::string text((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
+  return parse(text, result);
 }
 
 }  // namespace jsonxx

@@ -6,6 +6,7 @@
 
 #include <istream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -45,5 +46,7 @@ constexpr int kMaxDepth = 512;
 // Reads the whole stream into `result`; false (and `result` none) when the text is
 // not one JSON value or nests deeper than kMaxDepth.
 bool parse(std::istream& input, value& result);
+// The same for a text already read.
+bool parse(std::string_view text, value& result);
 
 }  // namespace jsonxx

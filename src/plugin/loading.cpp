@@ -149,8 +149,7 @@ void Plugin::LoadPlugin(const std::string& path) {
     RefuseSpecialFile(path);
     LoadNativePlugin(path);
   } else if (path.size() > 4 && EndsWith(path, ".json")) {
-    RefuseSpecialFile(path);
-    LoadJsonPlugin(path);
+    LoadJsonPlugin(path);  // refuses a special file itself, as it reads it
   } else {
     throw Exception("unknown type");
   }

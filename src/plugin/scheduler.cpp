@@ -27,7 +27,10 @@ bool HostFileExists(const char* path) {
   return stat(HostPath(path).c_str(), &status) == 0;
 }
 
+// Once found, a host profile stays present for the run: the bit is never cleared, so
+// the files are not looked for again.
 void TestHostProfileMarkers(ActivateFlags& flags) {
+  if (flags & ActivateFlag::HostProfilePresent) return;
   if (HostFileExists("/etc/tessary/hostprofile.xml") || HostFileExists("/etc/tessary/hostprofile.xml.gz")) {
     flags |= ActivateFlag::HostProfilePresent;
   }

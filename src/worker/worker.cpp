@@ -17,6 +17,7 @@
 #include "log/channels.h"
 #include "log/profile.h"
 #include "platform/host_path.h"
+#include "platform/signals.h"
 #include "platform/standard_streams.h"
 #include "plugin/exception.h"
 #include "plugin/plugin.h"
@@ -79,7 +80,7 @@ WorkerPool::HandOverResult Worker::HandOver(Plugin* plugin, ActivateFlags flags)
     pool.profile = std::make_unique<Profile>();
     // A write to a worker that died must fail with EPIPE instead of ending the
     // scheduler, so that the communication-failure path can report it.
-    signal(SIGPIPE, SIG_IGN);
+    IgnoreSignal(SIGPIPE);
   }
   if (PassesOver(*plugin, flags)) {
     KernelLog() << "Bootstrand plugin " << plugin->name << " skipped." << std::endl;
@@ -158,7 +159,7 @@ Worker::Worker(bool dryRun) {
   // each side sees end of file when the other goes.
   ThePool().workers.clear();
   ThePool().queuedResults.clear();
-  signal(SIGPIPE, SIG_DFL);
+  DefaultSignal(SIGPIPE);
   if (!dryRun) {
     int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (null >= 0) RedirectOnto(null, STDIN_FILENO);

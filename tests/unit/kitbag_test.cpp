@@ -12,6 +12,7 @@
 
 #include "platform/kitbag/dispatcher.h"
 #include "platform/kitbag/option_parser.h"
+#include "platform/signals.h"
 #include "support/test_plugin.h"
 
 namespace {
@@ -112,9 +113,7 @@ TEST_F(DispatcherTest, FailureIsReportedByStandardErrorLinesOrStatus) {
 }
 
 TEST_F(DispatcherTest, ChildGetsDefaultSignalsThoughTheParentIgnoresOrBlocksThem) {
-  struct sigaction ignore {}, previous {};
-  ignore.sa_handler = SIG_IGN;
-  sigaction(SIGPIPE, &ignore, &previous);
+  bootstrand::IgnoreSignal(SIGPIPE);  // as the scheduler does
   sigset_t blocked, previousMask;
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGTERM);
@@ -124,7 +123,7 @@ TEST_F(DispatcherTest, ChildGetsDefaultSignalsThoughTheParentIgnoresOrBlocksThem
   WriteCommand("#!/bin/sh\nkill -TERM $$\n");
   const Strings termErrors = Run();
   sigprocmask(SIG_SETMASK, &previousMask, nullptr);
-  sigaction(SIGPIPE, &previous, nullptr);
+  bootstrand::DefaultSignal(SIGPIPE);
   EXPECT_EQ(pipeErrors, Strings{"command 'network ip set' was killed by signal 13"});
   EXPECT_EQ(termErrors, Strings{"command 'network ip set' was killed by signal 15"});
 }

@@ -41,10 +41,11 @@ std::string ReadWritten(int file) {
 // until it execs, so it only makes system calls, on values prepared here, and passes a
 // failed exec's error back through `execError`.
 pid_t StartChild(const char* executable, char* const* argv, int errorFile, int& execError) {
+  const std::vector<int>& ignored = bootstrand::IgnoredSignals();
   volatile int error = 0;
   const pid_t child = vfork();
   if (child == 0) {
-    bootstrand::RestoreDefaultSignals();
+    bootstrand::RestoreDefaultSignals(ignored);
     // dup2 onto standard error also clears close-on-exec there.
     if (dup2(errorFile, STDERR_FILENO) == STDERR_FILENO) execve(executable, argv, environ);
     error = errno;
@@ -87,6 +88,7 @@ CommandProcessResult RunCommandProcess(const std::string& executable, const std:
     CommandProcessResult result;
     result.waitStatus = 127 << 8;
     result.errorOutput = "cannot execute " + executable + ": " + strerror(execError) + "\n";
+    result.execError = execError;
     return result;
   }
 

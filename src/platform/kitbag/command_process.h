@@ -13,6 +13,7 @@ namespace Kitbag::AutoCli {
 struct CommandProcessResult {
   int waitStatus = 0;       // as returned by waitpid
   std::string errorOutput;  // what its standard error held when it exited
+  int execError = 0;        // why the executable could not be run; 0 when it ran
 };
 
 // Runs `executable` with `arguments` (argv[0] is the executable path). Throws

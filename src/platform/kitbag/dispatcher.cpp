@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 #include "platform/host_path.h"
@@ -42,11 +43,13 @@ void Dispatcher::AddExternalDirectory(const std::string& directory) { directorie
 std::string Dispatcher::FindCommand(const std::list<std::string>& commandPath) const {
   if (commandPath.empty()) return "";
   const std::string relative = Join(commandPath, '/');
+  std::string& found = found_[bootstrand::HostPath("/") + relative];
+  if (!found.empty()) return found;
   for (const std::string& directory : directories_) {
     std::string candidate = bootstrand::HostPath(directory) + "/" + relative;
     struct stat status {};
     if (stat(candidate.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(candidate.c_str(), X_OK) == 0) {
-      return candidate;
+      return found = candidate;
     }
   }
   return "";
@@ -63,7 +66,17 @@ void Dispatcher::ExecuteCommand(std::shared_ptr<CommandInput> input, std::shared
 
   std::vector<std::string> arguments;
   for (const auto& [parameter, value] : input->GetParameters()) arguments.push_back("--" + parameter + "=" + value);
-  const CommandProcessResult result = RunCommandProcess(executable, arguments);
+  CommandProcessResult result = RunCommandProcess(executable, arguments);
+  if (result.execError == ENOENT) {
+    // Found earlier in the boot and gone since: look again, once.
+    found_.clear();
+    const std::string again = FindCommand(input->GetCommandPath());
+    if (again.empty()) {
+      output->AddError("Unknown command '" + name + "'");
+      return;
+    }
+    if (again != executable) result = RunCommandProcess(again, arguments);
+  }
 
   if (WIFEXITED(result.waitStatus) && WEXITSTATUS(result.waitStatus) == 0) {
     bootstrand::WriteAll(STDERR_FILENO, result.errorOutput.data(), result.errorOutput.size());

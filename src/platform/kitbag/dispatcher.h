@@ -5,8 +5,10 @@
 // A command path "network ip set" names the file network/ip/set below a registered
 // directory; the first directory, in registration order, holding an executable
 // regular file of that name wins. Directories are host paths, resolved through
-// bootstrand::HostPath at every lookup; a directory that does not exist is simply
-// passed over, so registering one never fails.
+// bootstrand::HostPath; a directory that does not exist is simply passed over, so
+// registering one never fails. A command path found once is not looked up again in
+// this process (a boot runs the same commands many times): should its file be gone
+// when it is run, it is looked up afresh.
 //
 // The executable runs directly (no shell) with one argument "--name=value" per
 // input parameter, in order. It shares the process's standard input and output (so
@@ -20,6 +22,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/kitbag/command_io.h"
@@ -43,6 +46,8 @@ class Dispatcher {
 
  private:
   std::vector<std::string> directories_;
+  // Executables found so far, by host root and command path.
+  mutable std::unordered_map<std::string, std::string> found_;
 };
 
 }  // namespace Kitbag::AutoCli

@@ -1,0 +1,37 @@
+#include "platform/file_text.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+#include "platform/unique_fd.h"
+
+namespace bootstrand {
+
+std::optional<std::string> ReadWholeFile(const std::string& path) {
+  // Non-blocking, so that opening a named pipe does not wait for a writer.
+  UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!file.Valid()) return std::nullopt;
+  struct stat status {};
+  if (fstat(file.Get(), &status) != 0 || S_ISDIR(status.st_mode)) return std::nullopt;
+  if (!S_ISREG(status.st_mode)) throw std::runtime_error("not a regular file");
+  // One byte more than the size, so that a file that has not grown is read in one
+  // call and its end seen without another.
+  std::string text(static_cast<std::size_t>(status.st_size) + 1, '\0');
+  std::size_t length = 0;
+  for (;;) {
+    if (length == text.size()) text.resize(text.size() * 2);
+    ssize_t count = read(file.Get(), text.data() + length, text.size() - length);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return std::nullopt;
+    length += static_cast<std::size_t>(count);
+    if (count == 0 || length < text.size()) break;
+  }
+  text.resize(length);
+  return text;
+}
+
+}  // namespace bootstrand
