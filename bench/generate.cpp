@@ -4,8 +4,8 @@
 //
 //   bench_generate SHAPE N OUTPUT TICK [SLEEP_MS]
 //
-// SHAPE is chain, fan or layered (random layers with a fixed seed). Prints the
-// length of the longest chain.
+// SHAPE is chain, fan, layered (random layers of about sqrt(N) nodes with a fixed
+// seed) or layered:L (L such layers). Prints the length of the longest chain.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -37,11 +37,11 @@ Graph Fan(int n) {
   return graph;
 }
 
-// Layers of about sqrt(n) nodes; each node requires one to three nodes of the layer
-// before it.
-Graph Layered(int n) {
+// `layers` layers (about sqrt(n) when 0); each node requires one to three nodes of
+// the layer before it.
+Graph Layered(int n, int layers) {
   std::mt19937 random(20261123);
-  int width = std::max(1, static_cast<int>(std::sqrt(static_cast<double>(n))));
+  int width = layers > 0 ? std::max(1, n / layers) : std::max(1, static_cast<int>(std::sqrt(static_cast<double>(n))));
   Graph graph(n);
   for (int i = width; i < n; ++i) {
     int layerStart = (i / width - 1) * width;
@@ -73,7 +73,7 @@ std::string Name(int node) {
 
 int main(int argc, char** argv) {
   if (argc < 5) {
-    std::cerr << "usage: bench_generate chain|fan|layered N OUTPUT TICK [SLEEP_MS]\n";
+    std::cerr << "usage: bench_generate chain|fan|layered|layered:LAYERS N OUTPUT TICK [SLEEP_MS]\n";
     return 2;
   }
   std::string shape = argv[1];
@@ -81,7 +81,9 @@ int main(int argc, char** argv) {
   std::filesystem::path output = argv[3];
   std::string tick = std::filesystem::absolute(argv[4]).string();
   int sleepMs = argc > 5 ? std::atoi(argv[5]) : 0;
-  Graph graph = shape == "chain" ? Chain(n) : shape == "fan" ? Fan(n) : Layered(n);
+  // "layered:20": twenty layers instead of about sqrt(n).
+  int layers = shape.rfind("layered:", 0) == 0 ? std::atoi(shape.c_str() + 8) : 0;
+  Graph graph = shape == "chain" ? Chain(n) : shape == "fan" ? Fan(n) : Layered(n, layers);
 
   std::filesystem::path root = output / "root";
   std::filesystem::path plugins = root / "usr/libexec/bootstrand/plugins";
