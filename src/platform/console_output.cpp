@@ -55,14 +55,17 @@ int ConsoleOutput::ShowStatus(const std::string& text) {
   std::optional<ActivationProgress> progress = CurrentActivationProgress();
   if (!progress) return 0;
   std::string status = Printable(OnOneLine(text));
-  live_.clear();
-  if (!status.empty()) live_ = "[" + std::to_string(progress->done) + "/" + std::to_string(progress->total) + "] " + status;
+  std::string live;
+  if (!status.empty()) live = "[" + std::to_string(progress->done) + "/" + std::to_string(progress->total) + "] " + status;
   if (!terminal_) {
-    if (live_.empty() || live_ == lastPlain_) return 0;
-    lastPlain_ = live_;
-    return Write(live_ + "\n", true);
+    live_ = live;
+    if (live.empty() || live == lastPlain_) return 0;
+    lastPlain_ = live;
+    return Write(live + "\n", true);
   }
-  if (live_.empty() && !shown_) return 0;
+  // Nothing to change on the screen.
+  if (live == live_ && shown_ == !live.empty()) return 0;
+  live_ = live;
   shown_ = !live_.empty();
   return Write(kEraseLine + Fitted(), false);
 }
