@@ -23,7 +23,8 @@ bool KmsgOutput::Takes(std::uint32_t node) const {
 
 int KmsgOutput::Open() {
   // No O_CREAT: where /dev/kmsg is missing, a file of that name must not appear.
-  fd_.Reset(open(path_.c_str(), O_WRONLY | O_APPEND | O_NOCTTY | O_CLOEXEC));
+  // O_NONBLOCK: a named pipe without a reader must not stop the boot.
+  fd_.Reset(open(path_.c_str(), O_WRONLY | O_APPEND | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   return fd_.Valid() ? 0 : errno;
 }
 
