@@ -14,6 +14,7 @@
 
 #include "interactive/console.h"
 #include "log/color.h"
+#include "platform/channel_outputs.h"
 #include "platform/signals.h"
 #include "plugin/plugin.h"
 
@@ -116,6 +117,9 @@ void Troubleshoot() {
 }  // namespace
 
 ActivateFlags Plugin::DebugAction(const std::string& name) {
+  // The prompt starts where the cursor is; on a console that shows the live status
+  // line, that would be at the end of it.
+  ClearLiveConsoleLines();
   SwitchConsole(1);
   SetLineMode(false);
   WriteChoices(name, 0);

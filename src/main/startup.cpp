@@ -11,6 +11,7 @@
 #include "log/channels.h"
 #include "log/process_logging.h"
 #include "platform/host_log.h"
+#include "platform/log_identity.h"
 #include "platform/main_memory.h"
 #include "plugin/plugin.h"
 #include "worker/worker.h"
@@ -165,7 +166,7 @@ int BootstrandMain(int argc, char* argv[]) {
   }
 
   try {
-    init_logging("Pellam2");
+    init_logging(kLogIdentity);
   } catch (const std::exception& error) {
     Log_Level(3, "Failed to initialize bootstrand: %s\n", error.what());
     return 1;

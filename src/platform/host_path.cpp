@@ -6,15 +6,25 @@
 
 namespace bootstrand {
 
-std::string HostPath(std::string_view path) {
-  if (path.empty() || path.front() != '/' || path.starts_with("/dev/")) return std::string(path);
-  const char* root = std::getenv("BOOTSTRAND_ROOT");
+namespace {
+
+// The root without its trailing slashes: what goes in front of a host path.
+std::string_view RootPrefix(const char* root) {
   std::string_view prefix = root != nullptr ? root : "";
   while (!prefix.empty() && prefix.back() == '/') prefix.remove_suffix(1);
-  std::string resolved(prefix);
+  return prefix;
+}
+
+}  // namespace
+
+std::string HostPath(std::string_view path) {
+  if (path.empty() || path.front() != '/' || path.starts_with("/dev/")) return std::string(path);
+  std::string resolved(RootPrefix(std::getenv("BOOTSTRAND_ROOT")));
   resolved += path;
   return resolved;
 }
+
+bool IsRealHostRoot(const char* root) { return RootPrefix(root).empty(); }
 
 bool MakeDirectories(const std::string& directory) {
   for (std::size_t slash = directory.find('/', 1);; slash = directory.find('/', slash + 1)) {

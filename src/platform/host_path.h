@@ -12,6 +12,10 @@ namespace bootstrand {
 // is returned unchanged.
 std::string HostPath(std::string_view path);
 
+// True when `root` (a value of BOOTSTRAND_ROOT, null when unset) leaves host paths as
+// they are: unset, empty, or nothing but slashes. That is a real host.
+bool IsRealHostRoot(const char* root);
+
 // Creates `directory` and its missing parents (like mkdir -p); returns false on failure.
 bool MakeDirectories(const std::string& directory);
 

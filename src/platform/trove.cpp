@@ -1,14 +1,11 @@
 #include "platform/trove.h"
 
-#include <fcntl.h>
-
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
+#include "platform/channel_outputs.h"
 #include "platform/forced_failure.h"
 #include "platform/host_path.h"
-#include "platform/unique_fd.h"
 
 struct Trove_ParamList {
   std::vector<std::string> strings;
@@ -19,37 +16,6 @@ namespace {
 constexpr const char* kFailVariable = "BOOTSTRAND_TROVE_FAIL";
 
 bool Forced(std::string_view operation) { return bootstrand::ForcedFailure(kFailVariable, operation); }
-
-std::string EscapeRecord(const std::string& text) {
-  std::string record;
-  record.reserve(text.size() + 1);
-  for (char c : text) {
-    if (c == '\\') {
-      record += "\\\\";
-    } else if (c == '\n') {
-      record += "\\n";
-    } else {
-      record += c;
-    }
-  }
-  record += '\n';
-  return record;
-}
-
-// Sink files stay open once opened (append mode, close-on-exec): a boot writes
-// several messages per plugin, and forked workers share the descriptors.
-int SinkDescriptor(const std::string& path) {
-  static auto* open = new std::unordered_map<std::string, bootstrand::UniqueFd>;
-  auto found = open->find(path);
-  if (found != open->end()) return found->second.Get();
-  bootstrand::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-  if (!fd.Valid()) {
-    bootstrand::MakeDirectories(path.substr(0, path.rfind('/')));
-    fd.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-  }
-  if (!fd.Valid()) return -1;
-  return open->emplace(path, std::move(fd)).first->second.Get();
-}
 
 }  // namespace
 
@@ -68,13 +34,10 @@ int Trove_ParamListAddString(Trove_ParamList* list, const char* text) {
 
 int Trove_Set(std::uint32_t node, int, Trove_ParamList* list, int, int) {
   if (list == nullptr || Forced("Set")) return 1;
-  std::string path = bootstrand::TroveSinkPath(node);
-  if (path.empty()) return 1;
-  std::string records;
-  for (const std::string& text : list->strings) records += EscapeRecord(text);
-  int fd = SinkDescriptor(path);
-  // One write per delivery keeps messages of concurrent processes apart.
-  if (fd < 0 || !bootstrand::WriteAll(fd, records.data(), records.size())) return 1;
+  bootstrand::ChannelOutputs& outputs = bootstrand::ChannelOutputs::Current();
+  for (const std::string& text : list->strings) {
+    if (!outputs.Deliver(node, text)) return 1;
+  }
   return 0;
 }
 

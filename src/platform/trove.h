@@ -1,8 +1,11 @@
-// Stand-in for the host's system-information library. Each node is a sink file,
-// "/var/run/trove/<node name>.log" under the host root; every delivered message is
-// appended to it as one line, with a newline inside the message written as "\n" and
-// a backslash as "\\". BOOTSTRAND_TROVE_FAIL (a comma list of CheckSig,
-// ParamListCreate, ParamListAddString, Set) forces failures for tests.
+// Stand-in for the host's system-information library. Trove_Set hands every message
+// to the outputs that BOOTSTRAND_CHANNELS chooses (channel_outputs.h); it fails only
+// when the message reached none of those meant to take it. With the files output each
+// node is a sink file, "/var/run/trove/<node name>.log" under the host root; every
+// delivered message is appended to it as one line, with a newline inside the message
+// written as "\n" and a backslash as "\\". BOOTSTRAND_TROVE_FAIL (a comma list of
+// CheckSig, ParamListCreate, ParamListAddString, Set) forces failures for tests; a
+// forced Set fails whatever the outputs.
 #pragma once
 
 #include <cstdint>

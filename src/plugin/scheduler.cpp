@@ -12,6 +12,7 @@
 #include "log/channels.h"
 #include "log/profile.h"
 #include "main/startup.h"
+#include "platform/activation_progress.h"
 #include "platform/feature_state.h"
 #include "platform/host_path.h"
 #include "platform/standard_streams.h"
@@ -47,12 +48,14 @@ void TestHostProfileMarkers(ActivateFlags& flags) {
 }  // namespace
 
 bool Scheduler::Run() {
+  StartActivationProgress(Plugin::plugins.size());
   while (!Plugin::plugins.empty()) {
     // The list does not change during a pass: results are handled only after it.
     inFlight_ += Pass();
     if (inFlight_ == 0) return false;
     ReportRunning();
     inFlight_ -= FinishResults();
+    UpdateActivationProgress(Plugin::plugins.size());
   }
   return true;
 }

@@ -1,5 +1,5 @@
-// The message channels' buffer semantics, Color, the timing log's formats and the
-// redirection of the standard streams.
+// The message channels' buffer semantics, the choice of their outputs, Color, the
+// timing log's formats and the redirection of the standard streams.
 #include <gtest/gtest.h>
 
 #include <sys/time.h>
@@ -15,6 +15,7 @@
 #include "log/process_logging.h"
 #include "log/profile.h"
 #include "log/trove_buffer.h"
+#include "platform/channel_outputs.h"
 #include "platform/trove.h"
 #include "support/test_plugin.h"
 
@@ -77,6 +78,39 @@ TEST(TroveBufferTest, EachListFailureHasItsOwnMessage) {
     kernel << "lost" << std::endl;
     unsetenv("BOOTSTRAND_TROVE_FAIL");
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), message);
+  }
+}
+
+// A real host's default cannot be tried end to end without writing to the machine's
+// console, kernel log and system log; building the list opens nothing.
+TEST(ChannelOutputsTest, TheListAndItsDefaultsFollowTheVariableAndTheRoot) {
+  unsetenv("BOOTSTRAND_CONSOLE");  // the console output's default device
+  const std::vector<std::string> realHost = {"files", "console=/dev/console", "kmsg=/dev/kmsg", "syslog"};
+  struct Case {
+    const char* channels;
+    const char* root;
+    std::vector<std::string> entries;
+    std::string errors;
+  };
+  const Case cases[] = {
+      {nullptr, nullptr, realHost, ""},
+      {"", "", realHost, ""},
+      {" ", "//", realHost, ""},
+      {nullptr, "/tmp/host", {"files"}, ""},
+      {"", "/tmp/host/", {"files"}, ""},
+      {" kmsg=/tmp/k , files,,files,kmsg=/tmp/k", nullptr, {"kmsg=/tmp/k", "files"}, ""},
+      {"console,console=/dev/tty", "/tmp/host", {"console=/dev/console", "console=/dev/tty"}, ""},
+      {"consle,console=,files=x,syslog", "/", {"syslog"},
+       "BOOTSTRAND_CHANNELS: \"consle\" is not an output (files, console[=PATH], kmsg[=PATH], syslog); left out\n"
+       "BOOTSTRAND_CHANNELS: \"console=\" is not an output (files, console[=PATH], kmsg[=PATH], syslog); left out\n"
+       "BOOTSTRAND_CHANNELS: \"files=x\" is not an output (files, console[=PATH], kmsg[=PATH], syslog); left out\n"},
+  };
+  for (const Case& each : cases) {
+    ::testing::internal::CaptureStderr();
+    ChannelOutputs outputs(each.channels, each.root);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), each.errors);
+    EXPECT_EQ(outputs.Entries(), each.entries) << (each.channels ? each.channels : "(unset)") << " with root "
+                                               << (each.root ? each.root : "(unset)");
   }
 }
 
