@@ -4,6 +4,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +12,9 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "platform/channel_outputs.h"
 #include "platform/forced_failure.h"
 #include "platform/standard_streams.h"
 #include "platform/str_format.h"
@@ -110,6 +113,11 @@ int Log_InitWithSyslogInt(const char* id, Dictionary* dictionary, int) {
   LogState& state = State();
   state.id = Lookup(dictionary, "log.syslogID", id);
   state.syslogMaximumLevel = LevelFromName(Lookup(dictionary, "log.syslogLevel", "info"), LOG_INFO);
+  // The log lines go to the system log where the channels do: on a real host, not
+  // from a boot of a host root under another folder (a test, an experiment), unless
+  // BOOTSTRAND_CHANNELS lists syslog.
+  std::vector<std::string> outputs = bootstrand::ChannelOutputs::Current().Entries();
+  if (std::find(outputs.begin(), outputs.end(), "syslog") == outputs.end()) return 1;
   // openlog keeps the pointer, so the identity must outlive the connection.
   openlog(state.id.c_str(), LOG_PID | LOG_NDELAY, LOG_DAEMON);
   state.syslogOpen = true;
