@@ -100,8 +100,11 @@ int main(int argc, char** argv) {
   makefile << "\nall:";
   for (int i = 0; i < n; ++i) makefile << ' ' << Name(i);
   makefile << "\n";
-  ninja << "rule tick\n  command = " << tick << " --name $name"
-        << (sleepMs > 0 ? " --sleep-ms " + std::to_string(sleepMs) : "") << "\n";
+  // The jobs of make and ninja get the very arguments that the command dispatcher
+  // passes (one "--name=value" each): /bin/true, for one, does more work when it is
+  // given exactly one argument.
+  ninja << "rule tick\n  command = " << tick << " --name=$name"
+        << (sleepMs > 0 ? " --sleep-ms=" + std::to_string(sleepMs) : "") << "\n";
 
   for (int i = 0; i < n; ++i) {
     std::string name = Name(i);
@@ -116,8 +119,8 @@ int main(int argc, char** argv) {
 
     makefile << name << ":";
     for (const std::string& dependency : requires_) makefile << ' ' << dependency;
-    makefile << "\n\t@" << tick << " --name " << name
-             << (sleepMs > 0 ? " --sleep-ms " + std::to_string(sleepMs) : "") << "\n";
+    makefile << "\n\t@" << tick << " --name=" << name
+             << (sleepMs > 0 ? " --sleep-ms=" + std::to_string(sleepMs) : "") << "\n";
     ninja << "build " << name << ": tick";
     if (!requires_.empty()) {
       ninja << " ||";

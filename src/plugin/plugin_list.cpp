@@ -7,16 +7,14 @@ namespace bootstrand {
 
 void PluginList::WaitersOf(const Plugin& holder, const std::function<void(const Wait&)>& visit) const {
   for (const std::string& tag : holder.provides) {
-    if (auto requirers = requirers_.find(tag); requirers != requirers_.end()) {
-      for (Plugin* waiter : requirers->second) {
-        if (Contains(waiter)) visit(Wait{waiter, tag, false});
-      }
+    auto use = tags_.find(tag);
+    if (use == tags_.end()) continue;
+    for (Plugin* waiter : use->second.requirers) {
+      if (Contains(waiter)) visit(Wait{waiter, tag, false});
     }
     if (!holder.preemptive || Plugin::kindTags.count(tag) != 0) continue;
-    if (auto providers = providers_.find(tag); providers != providers_.end()) {
-      for (Plugin* waiter : providers->second) {
-        if (waiter != &holder && Contains(waiter)) visit(Wait{waiter, tag, true});
-      }
+    for (Plugin* waiter : use->second.providers) {
+      if (waiter != &holder && Contains(waiter)) visit(Wait{waiter, tag, true});
     }
   }
 }
@@ -24,10 +22,11 @@ void PluginList::WaitersOf(const Plugin& holder, const std::function<void(const 
 void PluginList::Append(Plugin* plugin) {
   if (Contains(plugin)) return;
   entries_[plugin] = Entry{plugins_.insert(plugins_.end(), plugin), nextOrder_++};
-  for (const std::string& tag : plugin->requires_) requirers_[tag].push_back(plugin);
+  for (const std::string& tag : plugin->requires_) tags_[tag].requirers.push_back(plugin);
   for (const std::string& tag : plugin->provides) {
-    providers_[tag].push_back(plugin);
-    ++providerCounts_[tag];
+    TagUse& use = tags_[tag];
+    use.providers.push_back(plugin);
+    ++use.listedProviders;
   }
   // The new plugin's own waits are counted with all the others when readiness is
   // next asked for: plugins are appended while loading, before any is.
@@ -40,7 +39,7 @@ void PluginList::Remove(Plugin* plugin) {
   SetState(plugin, found->second, State::Waiting);  // leaves the ordered sets
   plugins_.erase(found->second.position);
   entries_.erase(found);
-  for (const std::string& tag : plugin->provides) --providerCounts_[tag];
+  for (const std::string& tag : plugin->provides) --tags_[tag].listedProviders;
   if (!counted_) return;
   WaitersOf(*plugin, [this](const Wait& wait) {
     Entry& entry = entries_.at(wait.waiter);
@@ -53,8 +52,8 @@ void PluginList::Clear() { *this = PluginList(); }
 bool PluginList::Contains(const Plugin* plugin) const { return entries_.count(plugin) != 0; }
 
 int PluginList::ProviderCount(const std::string& tag) const {
-  auto found = providerCounts_.find(tag);
-  return found == providerCounts_.end() ? 0 : found->second;
+  auto found = tags_.find(tag);
+  return found == tags_.end() ? 0 : found->second.listedProviders;
 }
 
 PluginList::State PluginList::StateOf(const Plugin* plugin) {

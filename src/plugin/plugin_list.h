@@ -92,11 +92,14 @@ class PluginList {
   std::list<Plugin*> plugins_;
   std::unordered_map<const Plugin*, Entry> entries_;
   std::uint64_t nextOrder_ = 0;
-  std::unordered_map<std::string, int> providerCounts_;
-  // Every plugin ever appended that requires, or provides, a tag; WaitersOf keeps
-  // those still listed.
-  std::unordered_map<std::string, std::vector<Plugin*>> requirers_;
-  std::unordered_map<std::string, std::vector<Plugin*>> providers_;
+  // Per tag: every plugin ever appended that requires it or provides it (WaitersOf
+  // keeps those still listed), and how many listed plugins provide it.
+  struct TagUse {
+    std::vector<Plugin*> requirers;
+    std::vector<Plugin*> providers;
+    int listedProviders = 0;
+  };
+  std::unordered_map<std::string, TagUse> tags_;
 
   // The wait counts and the ordered sets below follow the list once counted.
   bool counted_ = false;
