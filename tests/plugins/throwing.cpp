@@ -3,17 +3,13 @@
 
 #include "bootstrand/native_plugin.h"
 
-namespace {
-
-std::int32_t Start() {
+static std::int32_t Start() {
 #ifdef THROW_OTHER
   throw 42;
 #else
   throw std::runtime_error("disk on fire");
 #endif
 }
-
-}  // namespace
 
 NATIVE_PLUGIN_EXPORT const NativePluginMetadata metadata = {2, nullptr, nullptr, nullptr, 0, nullptr, nullptr, 0};
 NATIVE_PLUGIN_EXPORT const NativePluginOperations operations = {Start, nullptr};
