@@ -1,5 +1,6 @@
 #include "support/test_plugin.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +28,27 @@ std::string ScopedRoot::Read(const std::string& hostPath) const {
   std::stringstream contents;
   contents << file.rdbuf();
   return contents.str();
+}
+
+std::string Describe(const Plugin& plugin) {
+  auto list = [](const TagSet& tags) {
+    std::vector<std::string> sorted(tags.begin(), tags.end());
+    std::sort(sorted.begin(), sorted.end());
+    std::string text;
+    for (const std::string& tag : sorted) text += (text.empty() ? "" : ",") + tag;
+    return text;
+  };
+  std::string text = plugin.name + " v" + std::to_string(plugin.apiVersion) + " provides=" + list(plugin.provides) +
+                     " requires=" + list(plugin.requires_);
+  if (!plugin.pluginVersion.empty()) text += " version=" + plugin.pluginVersion;
+  if (plugin.runOnce) text += " run_once";
+  if (!plugin.requiredFlags.empty()) text += " required=" + list(plugin.requiredFlags);
+  if (!plugin.disablingFlags.empty()) text += " disabling=" + list(plugin.disablingFlags);
+  if (plugin.preemptive) text += " preemptive";
+  if (plugin.hostProfileOperations) text += " host_profile";
+  if (plugin.noOperations) text += " no_operations";
+  if (plugin.skip) text += " skip";
+  return text;
 }
 
 }  // namespace bootstrand::testing

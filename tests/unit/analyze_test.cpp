@@ -14,13 +14,14 @@
 #include "analyze/plugin_outcomes.h"
 #include "analyze/timeline_svg.h"
 #include "analyze/timing_log.h"
-#include "plugin/plugin.h"
 #include "support/test_plugin.h"
 
 namespace bootstrand::analyze {
 namespace {
 
-using bootstrand::testing::ScopedRoot;
+using Names = std::vector<std::string>;
+// Plugins as (name, start, end) in milliseconds after kBase.
+using Timed = std::vector<std::tuple<std::string, int, int>>;
 
 // 2026-11-16 12:05:09 UTC in microseconds since the epoch.
 constexpr Microseconds kBase = 1794830709LL * 1000000;
@@ -34,13 +35,18 @@ std::string PluginLine(Microseconds start, Microseconds end, const std::string& 
   return "[" + FormatTimestamp(start) + " - " + FormatTimestamp(end) + "] sysboot: " + name + "\n";
 }
 
+std::string Summary(Microseconds start, Microseconds end) {
+  return "=== Bootstrand configuration info ===\n Start: " + FormatTimestamp(start) + "\n End: " +
+         FormatTimestamp(end) + "\n";
+}
+
 std::vector<std::size_t> ProblemLines(const Problems& problems) {
   std::vector<std::size_t> lines;
   for (const Problem& problem : problems) lines.push_back(problem.line);
   return lines;
 }
 
-TEST(AnalyzeTimingLogTest, TimestampsRoundTripThroughTheActivatorsFormat) {
+TEST(AnalyzeTimingLog, TimestampsRoundTripThroughTheActivatorsFormat) {
   EXPECT_EQ(FormatTimestamp(kBase + 4210), "2026-11-16 12:05:09.004210");
   EXPECT_EQ(ParseTimestamp("2026-11-16 12:05:09.004210"), kBase + 4210);
   EXPECT_EQ(ParseTimestamp("1970-01-01 00:00:00.000000"), 0);
@@ -55,212 +61,127 @@ TEST(AnalyzeTimingLogTest, TimestampsRoundTripThroughTheActivatorsFormat) {
   }
 }
 
-TEST(AnalyzeTimingLogTest, ReadsStartLinePluginLinesAndSummary) {
+TEST(AnalyzeTimingLog, KeepsTheLatestBootAndReportsAndSkipsLinesThatDoNotFit) {
   Problems problems;
-  TimingLog log = Read("Ondrik Initialization Time: 61000000\n" + PluginLine(kBase + 10, kBase + 500, "10-devices") +
-                           PluginLine(kBase + 20, kBase + 20, "volume scratch ] sysboot: x") +
-                           "=== Bootstrand configuration info ===\n Start: " + FormatTimestamp(kBase) +
-                           "\n End: " + FormatTimestamp(kBase + 900) + "\n",
+  TimingLog log = Read("Ondrik Initialization Time: 1000000\n" + PluginLine(kBase, kBase + 5, "old") +  // 1-2
+                           "Ondrik Initialization Time: 12x\n"                                             // 3
+                           "Ondrik Initialization Time: 61000000\n"                                        // 4
+                           "\n" +                                                                          // 5
+                           PluginLine(kBase + 10, kBase + 500, "10-devices") +                             // 6
+                           PluginLine(kBase + 20, kBase + 20, "volume scratch ] sysboot: x") +             // 7
+                           "[2026-11-16 12:05:09.000000 - 2026-11-16 12:05:08.000000] sysboot: backwards\n"
+                           "[2026-11-16 12:05:09.000000 - 2026-11-16 12:05:10.000000] sysbot: typo\n"
+                           "[2026-02-30x12:05:09.000000 - 2026-11-16 12:05:10.000000] sysboot: date\n"
+                           " Start: 2026-11-16 12:05:09.000000\n" +  // 11: before the summary's header
+                           Summary(kBase, kBase + 900) +             // 12-14
+                           "[2026-11-16 12:05:09.000000 - 2026-11-16 12:0",
                        problems);
-  EXPECT_TRUE(problems.empty());
+  EXPECT_EQ(ProblemLines(problems), (std::vector<std::size_t>{3, 4, 5, 8, 9, 10, 11, 15}));
+  EXPECT_EQ(Describe(problems[1]), "sysboot.log:4: a later boot starts here; the lines before it are left out");
+  EXPECT_EQ(Describe(problems.back()), "sysboot.log:15: truncated line (no end of line), skipped");
   EXPECT_EQ(log.kernelTime, 61000000);
   EXPECT_EQ(log.activationStart, kBase);
   EXPECT_EQ(log.activationEnd, kBase + 900);
-  ASSERT_EQ(log.plugins.size(), 2u);
-  EXPECT_EQ(log.plugins[0].name, "10-devices");
-  EXPECT_EQ(log.plugins[0].start, kBase + 10);
-  EXPECT_EQ(log.plugins[0].end, kBase + 500);
-  EXPECT_EQ(log.plugins[1].name, "volume scratch ] sysboot: x");
-  EXPECT_EQ(log.plugins[1].line, 3u);
+  std::vector<std::tuple<std::string, Microseconds, Microseconds, std::size_t>> plugins;
+  for (const TimedPlugin& each : log.plugins) plugins.emplace_back(each.name, each.start, each.end, each.line);
+  EXPECT_EQ(plugins, (decltype(plugins){{"10-devices", kBase + 10, kBase + 500, 6},
+                                        {"volume scratch ] sysboot: x", kBase + 20, kBase + 20, 7}}));
 }
 
-TEST(AnalyzeTimingLogTest, ReportsAndSkipsLinesThatDoNotFit) {
-  Problems problems;
-  TimingLog log = Read("Ondrik Initialization Time: 12x\n"                                   // 1
-                       "\n"                                                                  // 2
-                       "[2026-11-16 12:05:09.000000 - 2026-11-16 12:05:08.000000] sysboot: backwards\n"  // 3
-                       "[2026-11-16 12:05:09.000000 - 2026-11-16 12:05:10.000000] sysbot: typo\n"        // 4
-                       "[2026-02-30x12:05:09.000000 - 2026-11-16 12:05:10.000000] sysboot: date\n"       // 5
-                       + PluginLine(kBase, kBase + 1, "good") +                              // 6
-                       " Start: 2026-11-16 12:05:09.000000\n"                                // 7: no summary header
-                       "[2026-11-16 12:05:09.000000 - 2026-11-16 12:0",                      // 8: cut off
-                       problems);
-  EXPECT_EQ(ProblemLines(problems), (std::vector<std::size_t>{1, 2, 3, 4, 5, 7, 8}));
-  EXPECT_EQ(Describe(problems.back()), "sysboot.log:8: truncated line (no end of line), skipped");
-  EXPECT_EQ(log.kernelTime, std::nullopt);
-  EXPECT_EQ(log.activationStart, std::nullopt);
-  ASSERT_EQ(log.plugins.size(), 1u);
-  EXPECT_EQ(log.plugins[0].name, "good");
-}
-
-TEST(AnalyzeTimingLogTest, JoinedLogsKeepTheLatestBoot) {
-  Problems problems;
-  TimingLog log = Read("Ondrik Initialization Time: 1000000\n" + PluginLine(kBase, kBase + 5, "old") +
-                           "Ondrik Initialization Time: 2000000\n" + PluginLine(kBase + 9, kBase + 10, "new"),
-                       problems);
-  EXPECT_EQ(ProblemLines(problems), std::vector<std::size_t>{3});
-  EXPECT_EQ(log.kernelTime, 2000000);
-  ASSERT_EQ(log.plugins.size(), 1u);
-  EXPECT_EQ(log.plugins[0].name, "new");
-}
-
-class AnalyzeOutcomesTest : public ::testing::Test {
- protected:
-  void ReadSinks(const std::string& kernel, const std::string& alert) {
-    std::istringstream kernelInput(kernel);
-    outcomes.ReadKernelSink(kernelInput, "system.log.log", problems);
-    std::istringstream alertInput(alert);
-    outcomes.ReadAlertSink(alertInput, "system.sysAlert.log", problems);
-  }
-  std::string Of(const std::string& name, std::size_t index = 0, std::size_t count = 1) const {
-    return std::string(OutcomeName(outcomes.Of(name, index, count)));
-  }
-
-  PluginOutcomes outcomes;
-  Problems problems;
-};
-
-TEST_F(AnalyzeOutcomesTest, EveryWayAPluginEnds) {
-  ReadSinks(
-      "Activating Bootstrand plugin ok.\n"
-      "Applying start on plugin ok\n"
-      "Bootstrand plugin ok activated.\n"
-      "Activating Bootstrand plugin broken.\n"
-      "Activating Bootstrand plugin dhcp.\n"
-      "Bootstrand plugin static skipped.\n"          // preempted, once per shared tag
-      "Bootstrand plugin static skipped.\n"
+// Plain outcomes, the ways a plugin is passed over, several boots in one sink (the
+// latest counts), two plugins of one name, and broken lines.
+TEST(AnalyzeOutcomes, EachPluginGetsItsLatestOutcome) {
+  std::istringstream kernel(
+      "Activating Bootstrand plugin ok.\nApplying start on plugin ok\nBootstrand plugin ok activated.\n"
+      "Activating Bootstrand plugin broken.\nActivating Bootstrand plugin dhcp.\n"
+      "Bootstrand plugin static skipped.\nBootstrand plugin static skipped.\n"  // preempted, once per shared tag
       "Bootstrand plugin dhcp activated.\n"
-      "Bootstrand plugin off skipped.\n"             // disabled: worker layer, then scheduler
-      "Bootstrand plugin off skipped.\n"
-      "Bootstrand plugin empty skipped.\n"           // no operations: passed over, then "activated"
-      "Bootstrand plugin empty activated.\n"
-      "Activating Bootstrand plugin pre.\n"
-      "Plugin pre skipped.\n"
-      "Bootstrand plugin pre opportunistic skipped.\n"
-      "Activating Bootstrand plugin try.\n"
-      "Bootstrand plugin try opportunistic activation failed.\n"
-      "Activating Bootstrand plugin back\\\\slash.\n"
-      "Bootstrand plugin back\\\\slash activated.\n"
-      "Activating Bootstrand plugin hung.\n",
-      "Bootstrand plugin broken activation failed.\n"
-      "Bootstrand has unmet dependencies!\n");
-  EXPECT_TRUE(problems.empty());
-  EXPECT_EQ(Of("ok"), "activated");
-  EXPECT_EQ(Of("broken"), "failed");
-  EXPECT_EQ(Of("dhcp"), "activated");
-  EXPECT_EQ(Of("static"), "skipped");
-  EXPECT_EQ(Of("off"), "skipped");
-  EXPECT_EQ(Of("empty"), "skipped");
-  EXPECT_EQ(Of("pre"), "opportunistic skipped");
-  EXPECT_EQ(Of("try"), "opportunistic failed");
-  EXPECT_EQ(Of("back\\slash"), "activated");
-  EXPECT_EQ(Of("hung"), "unknown");
-  EXPECT_EQ(Of("never seen"), "unknown");
-}
-
-TEST_F(AnalyzeOutcomesTest, SinksOfSeveralBootsGiveTheLatestOutcomes) {
-  // Boot 1: a fails, b activated, c disabled. Boot 2: a activated, b fails, c runs.
-  // Boot 2 also has two plugins named d (one per plugin directory): one fails.
-  ReadSinks(
+      "Bootstrand plugin off skipped.\nBootstrand plugin off skipped.\n"  // disabled: worker layer, then scheduler
+      "Bootstrand plugin empty skipped.\nBootstrand plugin empty activated.\n"  // no operations
+      "Activating Bootstrand plugin pre.\nPlugin pre skipped.\nBootstrand plugin pre opportunistic skipped.\n"
+      "Activating Bootstrand plugin try.\nBootstrand plugin try opportunistic activation failed.\n"
+      "Activating Bootstrand plugin back\\\\slash.\nBootstrand plugin back\\\\slash activated.\n"
+      "Activating Bootstrand plugin hung.\n"
+      // Boot 1: a fails, b activated, c disabled. Boot 2: a activated, b fails, c runs,
+      // and two plugins named d (one per plugin directory), one of which fails.
       "Activating Bootstrand plugin a.\nActivating Bootstrand plugin b.\nBootstrand plugin b activated.\n"
       "Bootstrand plugin c skipped.\nBootstrand plugin c skipped.\n"
       "Activating Bootstrand plugin a.\nBootstrand plugin a activated.\nActivating Bootstrand plugin b.\n"
       "Activating Bootstrand plugin c.\nBootstrand plugin c activated.\n"
-      "Activating Bootstrand plugin d.\nBootstrand plugin d activated.\nActivating Bootstrand plugin d.\n",
+      "Activating Bootstrand plugin d.\nBootstrand plugin d activated.\nActivating Bootstrand plugin d.\n"
+      "Bootstrand plugin x\\q activated.\nBootstrand plugin y activated.\nBootstrand plugin z activated.\\\n");
+  std::istringstream alert(
+      "Bootstrand plugin broken activation failed.\nBootstrand has unmet dependencies!\n"
       "Bootstrand plugin a activation failed.\nBootstrand plugin b activation failed.\n"
-      "Bootstrand plugin d activation failed.\n");
-  EXPECT_EQ(Of("a"), "activated");
-  EXPECT_EQ(Of("b"), "failed");
-  EXPECT_EQ(Of("c"), "activated");
-  EXPECT_EQ(Of("d", 0, 2), "activated");
-  EXPECT_EQ(Of("d", 1, 2), "failed");
-  EXPECT_EQ(Of("d", 0, 3), "unknown");  // a third timed d has no outcome of its own
-}
-
-TEST_F(AnalyzeOutcomesTest, BrokenEscapesAreReportedAndSkipped) {
-  ReadSinks("Bootstrand plugin x\\q activated.\nBootstrand plugin y activated.\nBootstrand plugin z activated.\\\n",
-            "Bootstrand plugin w activation failed.");
-  EXPECT_EQ(ProblemLines(problems), (std::vector<std::size_t>{1, 3, 1}));
-  EXPECT_EQ(Of("y"), "activated");
-  EXPECT_EQ(Of("z"), "unknown");
-  EXPECT_EQ(Of("w"), "unknown");
-}
-
-// Plugin files in a temporary host root, read with the activator's loaders, and a
-// boot timed from them.
-class AnalyzeChainTest : public ::testing::Test {
- protected:
-  void SetUp() override { Plugin::ResetRegistries(); }
-  void TearDown() override { Plugin::ResetRegistries(); }
-
-  void WritePlugin(const std::string& file, const std::string& contents) {
-    std::ofstream(root.Path("/" + file)) << contents;
-  }
-  void WritePlugin(const std::string& name, const std::vector<std::string>& provides,
-                   const std::vector<std::string>& requires_, bool preemptive = false) {
-    nlohmann::json metadata = {{"version", 1}, {"provides", provides}, {"requires", requires_}};
-    if (preemptive) metadata["preemptive_provider"] = true;
-    WritePlugin(name + ".json", nlohmann::json{{"metadata", metadata}, {"operations", {{"start", {"x"}}}}}.dump());
-  }
-  // Plugins as (name, start, end) in milliseconds; the plugin files are read once.
-  std::vector<std::string> Chain(const std::vector<std::tuple<std::string, int, int>>& timed) {
-    if (!loaded) graph.Load({"/"}, problems);
-    loaded = true;
-    std::vector<TimedPlugin> plugins;
-    for (const auto& [name, start, end] : timed) plugins.push_back({name, kBase + start * 1000, kBase + end * 1000});
-    std::vector<std::string> names;
-    for (std::size_t index : CriticalChain(plugins, graph)) names.push_back(plugins[index].name);
-    return names;
-  }
-
-  ScopedRoot root;
-  DependencyGraph graph;
-  bool loaded = false;
+      "Bootstrand plugin d activation failed.\nBootstrand plugin w activation failed.");
+  PluginOutcomes outcomes;
   Problems problems;
-};
-
-TEST_F(AnalyzeChainTest, FollowsTheProviderThatEndedLast) {
-  WritePlugin("devices", {"devices"}, {});
-  WritePlugin("drivers", {"nic"}, {"devices"});
-  WritePlugin("storage", {"disk"}, {"devices"});
-  WritePlugin("restore", {"config"}, {"disk", "nic"});
-  WritePlugin("vms", {"vms"}, {"config", "disk"});
-  WritePlugin("later", {"unrelated"}, {});
-  EXPECT_EQ(Chain({{"devices", 0, 10}, {"drivers", 11, 15}, {"storage", 11, 40}, {"later", 50, 60},
-                   {"restore", 41, 60}, {"vms", 61, 70}}),
-            (std::vector<std::string>{"devices", "storage", "restore", "vms"}));
-  EXPECT_TRUE(problems.empty());
+  outcomes.ReadKernelSink(kernel, "system.log.log", problems);
+  outcomes.ReadAlertSink(alert, "system.sysAlert.log", problems);
+  EXPECT_EQ(ProblemLines(problems), (std::vector<std::size_t>{34, 36, 6}));
+  const std::tuple<std::string, std::size_t, std::size_t, std::string_view> cases[] = {
+      {"ok", 0, 1, "activated"}, {"broken", 0, 1, "failed"}, {"dhcp", 0, 1, "activated"},
+      {"static", 0, 1, "skipped"}, {"off", 0, 1, "skipped"}, {"empty", 0, 1, "skipped"},
+      {"pre", 0, 1, "opportunistic skipped"}, {"try", 0, 1, "opportunistic failed"},
+      {"back\\slash", 0, 1, "activated"}, {"hung", 0, 1, "unknown"}, {"never seen", 0, 1, "unknown"},
+      {"a", 0, 1, "activated"}, {"b", 0, 1, "failed"}, {"c", 0, 1, "activated"},
+      {"d", 0, 2, "activated"}, {"d", 1, 2, "failed"}, {"d", 0, 3, "unknown"},  // a third d has no outcome of its own
+      {"y", 0, 1, "activated"}, {"z", 0, 1, "unknown"}, {"w", 0, 1, "unknown"},
+  };
+  for (const auto& [name, index, count, outcome] : cases) {
+    EXPECT_EQ(OutcomeName(outcomes.Of(name, index, count)), outcome) << name << " " << index << " of " << count;
+  }
 }
 
-TEST_F(AnalyzeChainTest, PreemptiveProvidersAndKindTagsHoldPluginsBack) {
-  WritePlugin("dhcp", {"ip"}, {}, true);
-  WritePlugin("static-ip", {"ip"}, {});
-  WritePlugin("slow", {"other"}, {});
-  // end-autoconf is built in and waits for every JSON plugin.
-  EXPECT_EQ(Chain({{"dhcp", 0, 30}, {"slow", 0, 35}, {"static-ip", 31, 50}, {"end-autoconf", 51, 52}}),
-            (std::vector<std::string>{"dhcp", "static-ip", "end-autoconf"}));
-}
+// Plugin files in a temporary host root, read with the activator's loaders, and boots
+// timed from them.
+using AnalyzeChain = testing::PluginTest;
 
-TEST_F(AnalyzeChainTest, NativePluginsAreReadAndUnloadableFilesReported) {
+TEST_F(AnalyzeChain, FollowsWhatEachPluginWaitedOnThatEndedLast) {
+  for (const auto& [name, provides, requires_] : std::vector<std::tuple<std::string, Names, Names>>{
+           {"devices", {"devices"}, {}}, {"drivers", {"nic"}, {"devices"}}, {"storage", {"disk"}, {"devices"}},
+           {"restore", {"config"}, {"disk", "nic"}}, {"vms", {"vms"}, {"config", "disk"}},
+           {"later", {"unrelated"}, {}}, {"dhcp", {"ip"}, {}}, {"static-ip", {"ip"}, {}}, {"net", {"net"}, {}},
+           {"rules", {"rules"}, {"firewall"}}}) {
+    nlohmann::json metadata = {{"version", 1}, {"provides", provides}, {"requires", requires_}};
+    if (name == "dhcp") metadata["preemptive_provider"] = true;
+    std::ofstream(root_.Path("/" + name + ".json")) << nlohmann::json{{"metadata", metadata},
+                                                                      {"operations", {{"start", {"x"}}}}};
+  }
   // The native api2 plugin requires "net" and provides "firewall".
-  std::filesystem::copy_file(std::string(BOOTSTRAND_TEST_PLUGIN_DIR) + "/api2.so", root.Path("/api2.so"));
-  WritePlugin("net", {"net"}, {});
-  WritePlugin("rules", {"rules"}, {"firewall"});
-  WritePlugin("broken.json", "{\"metadata\": {\"provides\": [1], \"requires\": []}}");
-  WritePlugin("empty.so", "");
-  EXPECT_EQ(Chain({{"net", 0, 5}, {"api2", 6, 7}, {"rules", 8, 9}}),
-            (std::vector<std::string>{"net", "api2", "rules"}));
-  // A plugin that no file declares ends the chain where it stands.
-  EXPECT_EQ(Chain({{"net", 0, 5}, {"ghost", 6, 7}}), (std::vector<std::string>{"ghost"}));
+  std::filesystem::copy_file(BOOTSTRAND_TEST_PLUGIN_DIR "/api2.so", root_.Path("/api2.so"));
+  std::ofstream(root_.Path("/broken.json")) << R"({"metadata": {"provides": [1], "requires": []}})";
+  std::ofstream(root_.Path("/empty.so")).flush();
+  Problems problems;
+  DependencyGraph graph;
+  graph.Load({"/"}, problems);
   ASSERT_EQ(problems.size(), 2u);
   EXPECT_EQ(problems[0].file, "/broken.json");
-  EXPECT_EQ(problems[1].file, "/empty.so");
   EXPECT_NE(problems[0].text.find("left out of the chain"), std::string::npos);
+  EXPECT_EQ(problems[1].file, "/empty.so");
   EXPECT_THROW(DependencyGraph().Load({"/missing.json"}, problems), std::runtime_error);
+
+  auto chain = [&graph](const Timed& timed) {
+    std::vector<TimedPlugin> plugins;
+    for (const auto& [name, start, end] : timed) plugins.push_back({name, kBase + start * 1000, kBase + end * 1000});
+    Names names;
+    for (std::size_t index : CriticalChain(plugins, graph)) names.push_back(plugins[index].name);
+    return names;
+  };
+  EXPECT_EQ(chain({{"devices", 0, 10}, {"drivers", 11, 15}, {"storage", 11, 40}, {"later", 50, 60},
+                   {"restore", 41, 60}, {"vms", 61, 70}}),
+            (Names{"devices", "storage", "restore", "vms"}));
+  // A preemptive provider holds its rivals back; the built-in end-autoconf waits
+  // for every JSON plugin.
+  EXPECT_EQ(chain({{"dhcp", 0, 30}, {"later", 0, 35}, {"static-ip", 31, 50}, {"end-autoconf", 51, 52}}),
+            (Names{"dhcp", "static-ip", "end-autoconf"}));
+  EXPECT_EQ(chain({{"net", 0, 5}, {"api2", 6, 7}, {"rules", 8, 9}}), (Names{"net", "api2", "rules"}));
+  // A plugin that no file declares ends the chain where it stands.
+  EXPECT_EQ(chain({{"net", 0, 5}, {"ghost", 6, 7}}), Names{"ghost"});
 }
 
-// An analysis of plugins given as (name, start, end) in milliseconds, in log order.
-Analysis Analyzed(const std::vector<std::tuple<std::string, int, int>>& timed, const std::string& kernelSink) {
+// An analysis of plugins in log order, without plugin files.
+Analysis Analyzed(const Timed& timed, const std::string& kernelSink) {
   TimingLog log;
   log.activationStart = kBase;
   log.activationEnd = kBase + 100000;
@@ -275,16 +196,16 @@ Analysis Analyzed(const std::vector<std::tuple<std::string, int, int>>& timed, c
   return Analyze(std::move(log), outcomes, nullptr);
 }
 
-std::vector<std::string> Names(const Analysis& analysis, const std::vector<std::size_t>& order) {
-  std::vector<std::string> names;
+Names NamesOf(const Analysis& analysis, const std::vector<std::size_t>& order) {
+  Names names;
   for (std::size_t index : order) names.push_back(analysis.timing.plugins[index].name);
   return names;
 }
 
-TEST(AnalyzeReportTest, BlameListsTheLongestFirstAndTiesByStart) {
+TEST(AnalyzeReport, BlameListsTheLongestFirstAndTiesByStart) {
   Analysis analysis = Analyzed({{"c", 5, 25}, {"a", 0, 10}, {"b", 2, 22}, {"d", 30, 31}}, "");
-  EXPECT_EQ(Names(analysis, analysis.byStart), (std::vector<std::string>{"a", "b", "c", "d"}));
-  EXPECT_EQ(Names(analysis, analysis.blame), (std::vector<std::string>{"b", "c", "a", "d"}));
+  EXPECT_EQ(NamesOf(analysis, analysis.byStart), (Names{"a", "b", "c", "d"}));
+  EXPECT_EQ(NamesOf(analysis, analysis.blame), (Names{"b", "c", "a", "d"}));
   std::ostringstream report;
   PrintReport(report, analysis, 2);
   EXPECT_NE(report.str().find("Slowest plugins:\n      20.0 ms  b (unknown)\n      20.0 ms  c (unknown)\n\n"),
@@ -293,37 +214,27 @@ TEST(AnalyzeReportTest, BlameListsTheLongestFirstAndTiesByStart) {
   EXPECT_NE(report.str().find("not worked out: no plugin files given"), std::string::npos);
 }
 
-// The bars of the SVG in document order: (class, x, y, label) of each.
-std::vector<std::tuple<std::string, double, int, std::string>> Bars(const std::string& svg) {
-  std::vector<std::tuple<std::string, double, int, std::string>> bars;
-  std::regex bar(R"re(text-anchor="end">([^<]*)</text><rect class="bar ([^"]*)" x="([0-9.]+)" y="([0-9]+)")re");
-  for (std::sregex_iterator each(svg.begin(), svg.end(), bar), end; each != end; ++each) {
-    bars.emplace_back((*each)[2], std::stod((*each)[3]), std::stoi((*each)[4]), (*each)[1]);
-  }
-  return bars;
-}
-
-TEST(AnalyzeTimelineSvgTest, OneBarPerPluginInStartOrderColouredByOutcome) {
+TEST(AnalyzeTimelineSvg, OneBarPerPluginInStartOrderColouredByOutcome) {
   Analysis analysis = Analyzed({{"late", 50, 90}, {"early", 0, 40}, {"x<&\"y\x01\xff", 10, 10}, {"middle", 20, 30}},
                                "Activating Bootstrand plugin late.\nBootstrand plugin late activated.\n"
                                "Bootstrand plugin middle skipped.\nBootstrand plugin middle skipped.\n");
   analysis.chain = std::vector<std::size_t>{1, 0};
   std::ostringstream output;
   WriteTimelineSvg(output, analysis);
-  std::string svg = output.str();
-  auto bars = Bars(svg);
-  ASSERT_EQ(bars.size(), 4u) << svg;
-  EXPECT_EQ(std::get<3>(bars[0]), "early");
-  EXPECT_EQ(std::get<3>(bars[1]), "x&lt;&amp;&quot;y??");
-  EXPECT_EQ(std::get<3>(bars[2]), "middle");
-  EXPECT_EQ(std::get<3>(bars[3]), "late");
-  EXPECT_EQ(std::get<0>(bars[0]), "unknown chain");
-  EXPECT_EQ(std::get<0>(bars[2]), "skipped");
-  EXPECT_EQ(std::get<0>(bars[3]), "activated chain");
-  for (std::size_t i = 1; i < bars.size(); ++i) {
-    EXPECT_LT(std::get<1>(bars[i - 1]), std::get<1>(bars[i]));
-    EXPECT_LT(std::get<2>(bars[i - 1]), std::get<2>(bars[i]));
+  const std::string svg = output.str();
+  // Each bar as "class x y label", in document order.
+  std::regex bar(R"re(text-anchor="end">([^<]*)</text><rect class="bar ([^"]*)" x="([0-9.]+)" y="([0-9]+)")re");
+  Names bars;
+  double x = -1, y = -1;
+  for (std::sregex_iterator each(svg.begin(), svg.end(), bar), end; each != end; ++each) {
+    bars.push_back((*each)[2].str() + " " + (*each)[1].str());
+    EXPECT_LT(x, std::stod((*each)[3]));
+    EXPECT_LT(y, std::stod((*each)[4]));
+    x = std::stod((*each)[3]);
+    y = std::stod((*each)[4]);
   }
+  EXPECT_EQ(bars, (Names{"unknown chain early", "unknown x&lt;&amp;&quot;y??", "skipped middle",
+                         "activated chain late"}));
   EXPECT_EQ(svg.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\"", 0), 0u);
   EXPECT_EQ(svg.substr(svg.size() - 7), "</svg>\n");
   // Ticks every 10 ms over the 100 ms of activation, each labelled above and below.
@@ -331,50 +242,35 @@ TEST(AnalyzeTimelineSvgTest, OneBarPerPluginInStartOrderColouredByOutcome) {
   EXPECT_EQ(svg.find(">110 ms<"), std::string::npos);
 }
 
-// Two boots, plugins as (name, start, end) in milliseconds. Before: d 10 ms, a 50, b 60,
-// e 50, c 40, dup 10 + 10 (two plugins, one name), gone 5. After: d 30, b 65, a 55,
-// e 54, c 35, dup 10, new 1.
-Comparison CompareExample(const std::string& threshold) {
+// Before: d 10 ms, a 50, b 60, e 50, c 40, dup 10 + 10 (two plugins, one name), gone 5.
+// After: d 30, b 65, a 55, e 54, c 35, dup 10, new 1.
+TEST(AnalyzeComparison, SortsByChangeAndListsOnlyChangesPastBothThresholds) {
   Analysis before = Analyzed({{"d", 0, 10}, {"a", 0, 50}, {"gone", 0, 5}, {"b", 0, 60}, {"e", 0, 50}, {"c", 0, 40},
-                              {"dup", 0, 10}, {"dup", 20, 30}},
-                             "");
+                              {"dup", 0, 10}, {"dup", 20, 30}}, "");
   Analysis after = Analyzed(
       {{"new", 0, 1}, {"b", 0, 65}, {"a", 0, 55}, {"c", 0, 35}, {"d", 0, 30}, {"e", 0, 54}, {"dup", 40, 50}}, "");
-  return Compare(before, after, ParseThreshold(threshold).value());
-}
-
-std::vector<std::string> ChangeNames(const Comparison& comparison, const std::vector<std::size_t>& listed) {
-  std::vector<std::string> names;
-  for (std::size_t index : listed) names.push_back(comparison.plugins[index].name);
-  return names;
-}
-
-TEST(AnalyzeComparisonTest, SortsByChangeAndListsOnlyChangesPastBothThresholds) {
-  using Names = std::vector<std::string>;
-  struct Case {
-    const char* threshold;
-    Names slower;
-    Names faster;
+  const std::tuple<const char*, Names, Names> cases[] = {
+      {"5ms,10%", {"d", "a"}, {"dup", "c"}},  // a: +5 ms is exactly 10 %; b: +5 ms is 8 %
+      {"0us,0%", {"d", "a", "b", "e"}, {"dup", "c"}},
+      {"20ms", {"d"}, {}},
+      {"1ms,50%", {"d"}, {"dup"}},  // dup: 20 ms to 10 ms is exactly 50 %
   };
-  for (const Case& test : {
-           Case{"5ms,10%", {"d", "a"}, {"dup", "c"}},  // a: +5 ms is exactly 10 %; b: +5 ms is 8 %
-           Case{"0us,0%", {"d", "a", "b", "e"}, {"dup", "c"}},
-           Case{"20ms", {"d"}, {}},
-           Case{"1ms,50%", {"d"}, {"dup"}},  // dup: 20 ms to 10 ms is exactly 50 %
-       }) {
-    Comparison comparison = CompareExample(test.threshold);
-    Names order;
+  for (const auto& [threshold, slower, faster] : cases) {
+    Comparison comparison = Compare(before, after, ParseThreshold(threshold).value());
+    Names order, slowerNames, fasterNames;
     for (const PluginChange& change : comparison.plugins) order.push_back(change.name);
-    EXPECT_EQ(order, (Names{"d", "a", "b", "e", "c", "dup"})) << test.threshold;
+    for (std::size_t index : comparison.slower) slowerNames.push_back(order[index]);
+    for (std::size_t index : comparison.faster) fasterNames.push_back(order[index]);
+    EXPECT_EQ(order, (Names{"d", "a", "b", "e", "c", "dup"})) << threshold;
     EXPECT_EQ(comparison.plugins.back().before, 20000);
-    EXPECT_EQ(ChangeNames(comparison, comparison.slower), test.slower) << test.threshold;
-    EXPECT_EQ(ChangeNames(comparison, comparison.faster), test.faster) << test.threshold;
+    EXPECT_EQ(slowerNames, slower) << threshold;
+    EXPECT_EQ(fasterNames, faster) << threshold;
     EXPECT_EQ(comparison.added, Names{"new"});
     EXPECT_EQ(comparison.removed, Names{"gone"});
   }
 }
 
-TEST(AnalyzeComparisonTest, ThresholdsParseAsDurationPercentageOrBoth) {
+TEST(AnalyzeComparison, ThresholdsParseAsDurationPercentageOrBoth) {
   for (const auto& [text, absolute, basisPoints] : std::vector<std::tuple<std::string, Microseconds, int>>{
            {"5ms,10%", 5000, 1000}, {"10%,5ms", 5000, 1000}, {"2.5s", 2500000, 1000}, {"0.25%", 5000, 25},
            {"250us,0%", 250, 0}, {"0.001s", 1000, 1000}}) {
@@ -389,19 +285,14 @@ TEST(AnalyzeComparisonTest, ThresholdsParseAsDurationPercentageOrBoth) {
   }
 }
 
-TEST(AnalyzeComparisonTest, ReportsTotalsALogWithoutSummaryAndTheChains) {
+TEST(AnalyzeComparison, ReportsTotalsALogWithoutSummaryAndTheChains) {
   Problems problems;
-  std::string summary = "=== Bootstrand configuration info ===\n Start: " + FormatTimestamp(kBase) +
-                        "\n End: " + FormatTimestamp(kBase + 100000) + "\n";
-  Analysis before = Analyze(Read("Ondrik Initialization Time: 61000000\n" + PluginLine(kBase, kBase + 8000, "a") +
-                                     PluginLine(kBase + 9000, kBase + 10000, "b") + summary,
-                                 problems),
-                            PluginOutcomes(), nullptr);
+  auto analyze = [&problems](const std::string& text) { return Analyze(Read(text, problems), {}, nullptr); };
+  Analysis before = analyze("Ondrik Initialization Time: 61000000\n" + PluginLine(kBase, kBase + 8000, "a") +
+                            PluginLine(kBase + 9000, kBase + 10000, "b") + Summary(kBase, kBase + 100000));
   // A boot that did not end: its plugins span 2 ms to 32 ms.
-  Analysis after = Analyze(Read("Ondrik Initialization Time: 64000000\n" + PluginLine(kBase + 2000, kBase + 20000, "a") +
-                                    PluginLine(kBase + 20000, kBase + 32000, "c"),
-                                problems),
-                           PluginOutcomes(), nullptr);
+  Analysis after = analyze("Ondrik Initialization Time: 64000000\n" + PluginLine(kBase + 2000, kBase + 20000, "a") +
+                           PluginLine(kBase + 20000, kBase + 32000, "c"));
   EXPECT_TRUE(problems.empty());
   for (Analysis* analysis : {&before, &after}) {
     analysis->chain = std::vector<std::size_t>{0, 1};
@@ -421,14 +312,9 @@ TEST(AnalyzeComparisonTest, ReportsTotalsALogWithoutSummaryAndTheChains) {
             "Faster plugins: none\n\n"
             "Added plugins: c\nRemoved plugins: b\n\n"
             "Critical chain changed:\n  before: a -> b\n  after:  a -> c\n");
-  nlohmann::json json = ComparisonJson(comparison, 0);
-  EXPECT_EQ(json["activation"], nlohmann::json::parse(R"({"before_us": 100000, "after_us": 30000, "delta_us": -70000,
-                                 "before_has_summary": true, "after_has_summary": false})"));
-  EXPECT_EQ(json["plugins"], nlohmann::json::parse(R"([{"name": "a", "before_us": 8000, "after_us": 18000,
-                                                        "delta_us": 10000}])"));
-  EXPECT_EQ(json["slower"], json["plugins"]);
-  EXPECT_EQ(json["kernel_to_activation"]["delta_us"], 3000000);
-  EXPECT_EQ(json["critical_chain"]["changed"], true);
+  EXPECT_EQ(ComparisonJson(comparison, 0)["activation"],
+            nlohmann::json::parse(R"({"before_us": 100000, "after_us": 30000, "delta_us": -70000,
+                                     "before_has_summary": true, "after_has_summary": false})"));
 }
 
 }  // namespace

@@ -1,48 +1,29 @@
-#include <fcntl.h>
+// The management-command executor: lookup across the command directories, failures
+// by stage, lists that go on after a failure, dry runs and timing records.
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <regex>
-
-#include <gtest/gtest.h>
 
 #include "kinds/cormcli.h"
 #include "platform/kitbag/dispatcher.h"
 #include "support/test_plugin.h"
 
-namespace bootstrand {
+namespace bootstrand::testing {
 namespace {
 
 using Strings = std::vector<std::string>;
 
-// Every test gets a private host root and its own shared dispatcher, and standard
-// output is collected in a file; the previous dispatcher and output are put back
-// afterwards.
+// Every test gets a private host root and its own shared dispatcher; the previous
+// dispatcher is put back afterwards.
 class CormcliTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    savedDispatcher_ = std::exchange(Cormcli::dispatcher, nullptr);
-    std::fflush(stdout);
-    savedOut_ = dup(STDOUT_FILENO);
-    int out = open(root_.Path("/stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    dup2(out, STDOUT_FILENO);
-    close(out);
-  }
-  void TearDown() override {
-    std::fflush(stdout);
-    dup2(savedOut_, STDOUT_FILENO);
-    close(savedOut_);
-    delete std::exchange(Cormcli::dispatcher, savedDispatcher_);
-  }
-  std::string Out() {
-    std::fflush(stdout);
-    return root_.Read("/stdout");
-  }
+  CormcliTest() : saved_(std::exchange(Cormcli::dispatcher, nullptr)) {}
+  ~CormcliTest() override { delete std::exchange(Cormcli::dispatcher, saved_); }
+
   // A command in command directory `directory` that appends `word` and its
   // arguments to the file "ran", then runs `extra`.
   void WriteCommand(std::string path, const std::string& word, const std::string& extra = "", int directory = 0,
@@ -53,55 +34,46 @@ class CormcliTest : public ::testing::Test {
     std::ofstream(path) << "#!/bin/sh\necho " << word << " \"$@\" >> \"$BOOTSTRAND_ROOT/ran\"\n" << extra << "\n";
     chmod(path.c_str(), mode);
   }
-  std::string Ran() { return root_.Read("/ran"); }
 
-  testing::ScopedRoot root_;
-  int savedOut_ = -1;
-  Kitbag::AutoCli::Dispatcher* savedDispatcher_ = nullptr;
+  ScopedRoot root_;
+  Kitbag::AutoCli::Dispatcher* saved_;
 };
 
-TEST_F(CormcliTest, RunsTheFirstExecutableFoundWithItsOptions) {
+TEST_F(CormcliTest, RunsTheFirstExecutableFoundWithItsOptionsThroughOneSharedDispatcher) {
   WriteCommand("network ip set", "not-executable", "", 0, 0644);
   WriteCommand("network ip set", "int", "", 1);
   WriteCommand("network ip set", "ext", "", 3);
   Cormcli cormcli;
-  cormcli.Execute("network ip set --ip 10.0.0.1 --name 'a b' --dhcp", false, false);
+  Kitbag::AutoCli::Dispatcher* shared = Cormcli::dispatcher;
+  Cormcli().Execute("network ip set --ip 10.0.0.1 --name 'a b' --dhcp", false, false);
   cormcli.Execute("  # network ip set", false, false);
-  EXPECT_EQ(Ran(), "int --ip=10.0.0.1 --name=a b --dhcp=true\n");
+  EXPECT_EQ(root_.Read("/ran"), "int --ip=10.0.0.1 --name=a b --dhcp=true\n");
+  EXPECT_EQ(Cormcli::dispatcher, shared);
 }
 
-TEST_F(CormcliTest, FailuresCarryStageErrorsAndMessage) {
-  struct Case {
-    std::string command, stage;
-    Strings errors;
-  };
-  WriteCommand("bad address", "", "echo 'no such address' >&2; exit 2");
-  WriteCommand("bad status", "", "exit 4");
-  for (const Case& c : {Case{"network ip set --ip '10.0", "parse", {"Unbalanced single quote"}},
-                        Case{"bad address", "execute", {"no such address"}},
-                        Case{"bad status", "execute", {"command 'bad status' exited with status 4"}},
-                        Case{"network ip get", "execute", {"Unknown command 'network ip get'"}}}) {
-    try {
-      Cormcli().Execute(c.command, false, false);
-      ADD_FAILURE() << "no exception for " << c.command;
-    } catch (const CormcliException& failure) {
-      EXPECT_EQ(failure.command, c.command);
-      EXPECT_EQ(failure.stage, c.stage);
-      EXPECT_EQ(failure.errors, c.errors);
-      EXPECT_EQ(failure.what(), c.stage + " " + c.command + " failed");
-    }
-  }
-}
-
-TEST_F(CormcliTest, ListGoesOnAfterFailuresAndKeepsTheirOrder) {
+TEST_F(CormcliTest, AListGoesOnAfterFailuresAndReportsEachWithItsStageInOrder) {
   WriteCommand("step one", "one");
-  WriteCommand("step fail", "fail", "exit 1");
-  std::vector<CormcliException> failures =
-      Cormcli().Execute(Strings{"step one --x 'broken", "step fail", "step one"}, false, false);
-  EXPECT_EQ(Ran(), "fail\none\n");
-  ASSERT_EQ(failures.size(), 2u);
-  EXPECT_STREQ(failures[0].what(), "parse step one --x 'broken failed");
-  EXPECT_STREQ(failures[1].what(), "execute step fail failed");
+  WriteCommand("bad address", "address", "echo 'no such address' >&2; exit 2");
+  WriteCommand("bad status", "status", "exit 4");
+  const std::tuple<std::string, std::string, Strings> expected[] = {
+      {"network ip set --ip '10.0", "parse", {"Unbalanced single quote"}},
+      {"bad address", "execute", {"no such address"}},
+      {"bad status", "execute", {"command 'bad status' exited with status 4"}},
+      {"network ip get", "execute", {"Unknown command 'network ip get'"}},
+  };
+  std::vector<CormcliException> failures = Cormcli().Execute(
+      Strings{"network ip set --ip '10.0", "bad address", "step one", "bad status", "network ip get", "step one --x"},
+      false, false);
+  EXPECT_EQ(root_.Read("/ran"), "address\none\nstatus\none --x=true\n");
+  ASSERT_EQ(failures.size(), std::size(expected));
+  for (std::size_t i = 0; i < failures.size(); ++i) {
+    const auto& [command, stage, errors] = expected[i];
+    EXPECT_EQ(failures[i].command, command);
+    EXPECT_EQ(failures[i].stage, stage) << command;
+    EXPECT_EQ(failures[i].errors, errors) << command;
+    EXPECT_EQ(failures[i].what(), stage + " " + command + " failed");
+  }
+  EXPECT_THROW(Cormcli().Execute("bad status", false, false), CormcliException);
 }
 
 TEST_F(CormcliTest, OtherExceptionsBecomeFailuresWithAnEmptyStage) {
@@ -112,7 +84,7 @@ TEST_F(CormcliTest, OtherExceptionsBecomeFailuresWithAnEmptyStage) {
   sigaction(SIGCHLD, &ignore, &previous);
   std::vector<CormcliException> failures = Cormcli().Execute(Strings{"step one", "step one --again"}, false, false);
   sigaction(SIGCHLD, &previous, nullptr);
-  EXPECT_EQ(Ran(), "one\none --again=true\n");
+  EXPECT_EQ(root_.Read("/ran"), "one\none --again=true\n");
   ASSERT_EQ(failures.size(), 2u);
   EXPECT_STREQ(failures[0].what(), " step one failed");
   EXPECT_EQ(failures[0].errors,
@@ -120,14 +92,24 @@ TEST_F(CormcliTest, OtherExceptionsBecomeFailuresWithAnEmptyStage) {
   EXPECT_STREQ(failures[1].what(), " step one --again failed");
 }
 
-TEST_F(CormcliTest, DryRunExecutesAndTimesNothingButReportsParseErrors) {
+TEST_F(CormcliTest, ExecutedCommandsAreTimedFailuresIncludedAndADryRunRunsAndTimesNothing) {
   WriteCommand("step one", "one");
-  std::vector<CormcliException> failures =
+  ::testing::internal::CaptureStdout();
+  std::vector<CormcliException> dry =
       Cormcli().Execute(Strings{"step one --x=1", "step \"one", "no such command"}, true, true);
-  ASSERT_EQ(failures.size(), 1u);
-  EXPECT_STREQ(failures[0].what(), "parse step \"one failed");
-  EXPECT_EQ(Ran(), "");
-  EXPECT_EQ(Out(), "");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(root_.Read("/ran"), "");
+  ASSERT_EQ(dry.size(), 1u);
+  EXPECT_STREQ(dry[0].what(), "parse step \"one failed");
+
+  ::testing::internal::CaptureStdout();
+  std::vector<CormcliException> failures =
+      Cormcli().Execute(Strings{"step one --x='a b'", "# comment", "step missing", "step 'x"}, false, true);
+  const std::string out = ::testing::internal::GetCapturedStdout();
+  EXPECT_EQ(failures.size(), 2u);
+  EXPECT_TRUE(std::regex_match(out, std::regex("[0-9]+\\.[0-9]{6} cormcli step one --x='a b'\n"
+                                               "[0-9]+\\.[0-9]{6} cormcli step missing\n")))
+      << out;
 }
 
 TEST(FormatTiming, BorrowsAndPadsMicroseconds) {
@@ -136,27 +118,5 @@ TEST(FormatTiming, BorrowsAndPadsMicroseconds) {
   EXPECT_EQ(FormatTiming({5, 500000}, {17, 250000}, "a"), "11.750000 cormcli a");
 }
 
-TEST_F(CormcliTest, TimesEveryExecutedCommandIncludingFailures) {
-  WriteCommand("step one", "one");
-  std::vector<CormcliException> failures =
-      Cormcli().Execute(Strings{"step one --x='a b'", "# comment", "step missing", "step 'x"}, false, true);
-  ASSERT_EQ(failures.size(), 2u);
-  EXPECT_EQ(failures[0].stage, "execute");
-  EXPECT_TRUE(std::regex_match(Out(), std::regex("[0-9]+\\.[0-9]{6} cormcli step one --x='a b'\n"
-                                                      "[0-9]+\\.[0-9]{6} cormcli step missing\n")))
-      << Out();
-}
-
-TEST_F(CormcliTest, ExecutorsShareOneDispatcherSetUpOnce) {
-  Cormcli first;
-  Kitbag::AutoCli::Dispatcher* shared = Cormcli::dispatcher;
-  ASSERT_NE(shared, nullptr);
-  Cormcli second;
-  EXPECT_EQ(Cormcli::dispatcher, shared);
-  EXPECT_EQ(shared->GetExternalDirectories(),
-            (Strings{"/usr/lib/tessary/cormcli", "/usr/lib/tessary/cormcli/int", "/usr/lib/tessary/cormcli/int/ext",
-                     "/usr/lib/tessary/cormcli/ext"}));
-}
-
 }  // namespace
-}  // namespace bootstrand
+}  // namespace bootstrand::testing

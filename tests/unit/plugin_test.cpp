@@ -1,80 +1,59 @@
 // The plugin model: registration, the dependency predicates (checked against their
 // plain definition on random plugin sets), run-once keys and exceptions.
-#include <gtest/gtest.h>
-
-#include <memory>
 #include <random>
 #include <set>
 
 #include "plugin/exception.h"
-#include "plugin/plugin.h"
 #include "support/test_plugin.h"
 
 namespace bootstrand::testing {
 namespace {
 
-class PluginModel : public ::testing::Test {
- protected:
-  void SetUp() override { Plugin::ResetRegistries(); }
-  void TearDown() override { Plugin::ResetRegistries(); }
+using PluginModel = PluginTest;
 
-  TestPlugin& Add(const std::string& name, std::vector<std::string> provides, std::vector<std::string> requires_,
-                  bool preemptive = false, bool runOnce = false, const std::string& version = "") {
-    owned_.push_back(std::make_unique<TestPlugin>(name, provides, requires_));
-    TestPlugin& plugin = *owned_.back();
-    plugin.preemptive = preemptive;
-    plugin.runOnce = runOnce;
-    plugin.pluginVersion = version;
-    plugin.Register();
-    return plugin;
+TEST_F(PluginModel, DisabledNamesTagsAndRunOnceKeysMarkPluginsSkippedButKeepThemListed) {
+  Plugin::DisablePlugins({"b", "json plugins", "storage", "once1.0"});
+  std::vector<TestPlugin*> plugins = {&Make("a", {"net"}),     &Make("b", {"net2"}),   &Make("j", {"json plugins"}),
+                                      &Make("s", {"storage"}), &Make("once", {"x"}), &Make("once", {"y"})};
+  // A run-once key is the name followed by the plugin version.
+  plugins[4]->pluginVersion = "1.0";
+  plugins[4]->runOnce = plugins[5]->runOnce = true;
+  std::string skipped;
+  for (TestPlugin* plugin : plugins) {
+    plugin->Register();
+    skipped += plugin->skip ? '1' : '0';
   }
-
-  ScopedRoot root_;
-  std::vector<std::unique_ptr<TestPlugin>> owned_;
-};
-
-TEST_F(PluginModel, DisabledNamesAndTagsMarkPluginsSkippedButKeepThemListed) {
-  Plugin::DisablePlugins({"b", "json plugins", "storage"});
-  TestPlugin& a = Add("a", {"net"}, {});
-  TestPlugin& b = Add("b", {"net2"}, {});
-  TestPlugin& json = Add("j", {"json plugins"}, {});
-  TestPlugin& storage = Add("s", {"storage"}, {});
-  EXPECT_FALSE(a.skip);
-  EXPECT_TRUE(b.skip);
-  EXPECT_TRUE(json.skip);
-  EXPECT_TRUE(storage.skip);
-  EXPECT_EQ(Plugin::plugins.size(), 4u);
-  EXPECT_EQ(Plugin::providers.at("storage"), std::vector<Plugin*>{&storage});
+  EXPECT_EQ(skipped, "011110");
+  EXPECT_EQ(Plugin::plugins.size(), 6u);
+  EXPECT_EQ(Plugin::providers.at("storage"), std::vector<Plugin*>{plugins[3]});
   EXPECT_EQ(Plugin::providers.count("json plugins"), 0u);
 }
 
 TEST_F(PluginModel, PendingFollowsListedProvidersAndPreemptiveHolders) {
-  TestPlugin& provider = Add("provider", {"net"}, {});
+  TestPlugin& provider = Add("provider", {"net"});
   TestPlugin& user = Add("user", {"app"}, {"net", "nobody-provides-this"});
   TestPlugin& selfish = Add("selfish", {"loop"}, {"loop"});
   TestPlugin& opportunist = Add("opportunist", {"dhcp", "native plugins"}, {}, true);
-  TestPlugin& rival = Add("rival", {"dhcp"}, {});
-  TestPlugin& kindOnly = Add("kind-only", {"native plugins"}, {});
-
+  TestPlugin& rival = Add("rival", {"dhcp"});
+  TestPlugin& kindOnly = Add("kind-only", {"native plugins"});  // sharing only a kind tag preempts nobody
+  auto pending = [&] {
+    std::string bits;
+    for (const Plugin* plugin : {&provider, &user, &selfish, &opportunist, &rival, &kindOnly}) {
+      bits += plugin->Pending() ? '1' : '0';
+    }
+    return bits;
+  };
   EXPECT_FALSE(Plugin::Pending(TagSet{}));
-  EXPECT_FALSE(provider.Pending());
-  EXPECT_TRUE(user.Pending());
-  EXPECT_TRUE(selfish.Pending());
-  EXPECT_FALSE(opportunist.Pending());  // never held back by itself
-  EXPECT_TRUE(rival.Pending());
-  EXPECT_FALSE(kindOnly.Pending());  // sharing only a kind tag preempts nobody
+  EXPECT_EQ(pending(), "011010");
   EXPECT_TRUE(opportunist.Preempts(rival));
   EXPECT_FALSE(opportunist.Preempts(opportunist));
   EXPECT_FALSE(opportunist.Preempts(kindOnly));
-
+  // Handed over or gone, a plugin is never ready again.
   Plugin::plugins.Remove(&provider);
   Plugin::plugins.Remove(&opportunist);
-  EXPECT_FALSE(user.Pending());
-  EXPECT_FALSE(rival.Pending());
-  // Handed over or gone, a plugin is never ready again.
+  EXPECT_EQ(pending(), "101100");
   Plugin::plugins.HandedOver(&user, true);
-  EXPECT_TRUE(user.Pending());
-  EXPECT_TRUE(provider.Pending());
+  EXPECT_EQ(pending(), "111100");
 }
 
 // Readiness, kept as counts of waits, must answer exactly as the plain definition:
@@ -93,8 +72,10 @@ TEST_F(PluginModel, ReadinessMatchesThePlainDefinitionOnRandomSets) {
         if (random() % 4 == 0) provides.push_back(tag);
         if (random() % 5 == 0) requires_.push_back(tag);
       }
-      all.push_back(&Add("p" + std::to_string(i), provides, requires_, random() % 4 == 0));
+      all.push_back(&Make("p" + std::to_string(i), provides, requires_));
+      all.back()->preemptive = random() % 4 == 0;
       all.back()->noOperations = random() % 5 == 0;
+      all.back()->Register();
     }
     for (int removal = 0; removal < 12; ++removal) {
       // The ready sets hold exactly the listed plugins that the definition lets start.
@@ -118,22 +99,6 @@ TEST_F(PluginModel, ReadinessMatchesThePlainDefinitionOnRandomSets) {
       Plugin::plugins.Remove(all[random() % all.size()]);
     }
   }
-}
-
-TEST_F(PluginModel, RunOnceKeysAreRecordedAndDisabledKeysSkip) {
-  Plugin::DisablePlugins({"b"});
-  TestPlugin& a = Add("a", {"x"}, {}, false, true, "1.0");
-  TestPlugin& b = Add("b", {"y"}, {}, false, true);
-  Add("c", {"z"}, {});
-  EXPECT_FALSE(a.skip);
-  EXPECT_TRUE(b.skip);
-}
-
-TEST_F(PluginModel, InteractiveReturnsTheInteractiveBitWhateverTheTags) {
-  EXPECT_EQ(Plugin::Interactive({}), ActivateFlag::Interactive);
-  EXPECT_TRUE(Plugin::interactiveTags.empty());
-  EXPECT_EQ(Plugin::Interactive({"usb", "net"}), 0x02u);
-  EXPECT_EQ(Plugin::interactiveTags, (TagSet{"usb", "net"}));
 }
 
 TEST(ExceptionText, FormatsLikePrintfAndSurvivesCopies) {
