@@ -202,27 +202,25 @@ Names NamesOf(const Analysis& analysis, const std::vector<std::size_t>& order) {
   return names;
 }
 
-TEST(AnalyzeReport, BlameListsTheLongestFirstAndTiesByStart) {
-  Analysis analysis = Analyzed({{"c", 5, 25}, {"a", 0, 10}, {"b", 2, 22}, {"d", 30, 31}}, "");
-  EXPECT_EQ(NamesOf(analysis, analysis.byStart), (Names{"a", "b", "c", "d"}));
-  EXPECT_EQ(NamesOf(analysis, analysis.blame), (Names{"b", "c", "a", "d"}));
-  std::ostringstream report;
-  PrintReport(report, analysis, 2);
-  EXPECT_NE(report.str().find("Slowest plugins:\n      20.0 ms  b (unknown)\n      20.0 ms  c (unknown)\n\n"),
-            std::string::npos)
-      << report.str();
-  EXPECT_NE(report.str().find("not worked out: no plugin files given"), std::string::npos);
-}
-
-TEST(AnalyzeTimelineSvg, OneBarPerPluginInStartOrderColouredByOutcome) {
+// The blame list puts the longest first, ties by start; the timeline has one bar per
+// plugin in start order, coloured by outcome and marked when on the chain.
+TEST(AnalyzeReport, BlameAndTimelineOrderThePlugins) {
   Analysis analysis = Analyzed({{"late", 50, 90}, {"early", 0, 40}, {"x<&\"y\x01\xff", 10, 10}, {"middle", 20, 30}},
                                "Activating Bootstrand plugin late.\nBootstrand plugin late activated.\n"
                                "Bootstrand plugin middle skipped.\nBootstrand plugin middle skipped.\n");
+  EXPECT_EQ(NamesOf(analysis, analysis.blame), (Names{"early", "late", "middle", "x<&\"y\x01\xff"}));
+  std::ostringstream report;
+  PrintReport(report, analysis, 2);
+  EXPECT_NE(report.str().find("Slowest plugins:\n      40.0 ms  early (unknown)\n      40.0 ms  late (activated)\n\n"),
+            std::string::npos)
+      << report.str();
+  EXPECT_NE(report.str().find("not worked out: no plugin files given"), std::string::npos);
+
   analysis.chain = std::vector<std::size_t>{1, 0};
   std::ostringstream output;
   WriteTimelineSvg(output, analysis);
   const std::string svg = output.str();
-  // Each bar as "class x y label", in document order.
+  // Each bar as "class label", in document order, each further right and lower.
   std::regex bar(R"re(text-anchor="end">([^<]*)</text><rect class="bar ([^"]*)" x="([0-9.]+)" y="([0-9]+)")re");
   Names bars;
   double x = -1, y = -1;

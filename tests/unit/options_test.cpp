@@ -1,5 +1,5 @@
-// The parsing loop and the number conversion of the command line. The help text
-// itself is compared whole by the end-to-end command-line tests.
+// The parsing loop and the number conversion of the command line. The help text and
+// the argument errors are compared whole by the end-to-end command-line tests.
 #include "main/options.h"
 #include "main/startup.h"
 #include "support/test_plugin.h"
@@ -61,16 +61,6 @@ TEST_F(ParseArgumentsTest, OptionalValuesStopAtDashes) {
   EXPECT_EQ(empty.requiresTag + empty.providesTag, "");
   EXPECT_EQ(empty.flags, ActivateFlag::Interactive);
   EXPECT_NE(empty.seed, 0u);
-}
-
-TEST_F(ParseArgumentsTest, ErrorsLeaveTheOffendingArgumentAtTheFront) {
-  std::list<std::string> invalid = {"--dry", "--nope=1", "--tags"};
-  StartupState state;
-  EXPECT_THROW(ParseArguments(invalid, state), InvalidArg);
-  EXPECT_EQ(invalid.front(), "--nope=1");
-  std::list<std::string> missing = {"--dry", "--disable"};
-  EXPECT_THROW(ParseArguments(missing, state), MissingArg);
-  EXPECT_EQ(missing, std::list<std::string>{"--disable"});
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ using PluginModel = PluginTest;
 
 TEST_F(PluginModel, DisabledNamesTagsAndRunOnceKeysMarkPluginsSkippedButKeepThemListed) {
   Plugin::DisablePlugins({"b", "json plugins", "storage", "once1.0"});
-  std::vector<TestPlugin*> plugins = {&Make("a", {"net"}),     &Make("b", {"net2"}),   &Make("j", {"json plugins"}),
+  std::vector<TestPlugin*> plugins = {&Make("a", {"net"}), &Make("b", {"net2"}), &Make("j", {"json plugins"}),
                                       &Make("s", {"storage"}), &Make("once", {"x"}), &Make("once", {"y"})};
   // A run-once key is the name followed by the plugin version.
   plugins[4]->pluginVersion = "1.0";
