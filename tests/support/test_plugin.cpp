@@ -1,9 +1,9 @@
 #include "support/test_plugin.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -32,10 +32,10 @@ std::string ScopedRoot::Read(const std::string& hostPath) const {
 
 std::string Describe(const Plugin& plugin) {
   auto list = [](const TagSet& tags) {
-    std::vector<std::string> sorted(tags.begin(), tags.end());
-    std::sort(sorted.begin(), sorted.end());
     std::string text;
-    for (const std::string& tag : sorted) text += (text.empty() ? "" : ",") + tag;
+    for (const std::string& tag : std::set<std::string>(tags.begin(), tags.end())) {
+      text += (text.empty() ? "" : ",") + tag;
+    }
     return text;
   };
   std::string text = plugin.name + " v" + std::to_string(plugin.apiVersion) + " provides=" + list(plugin.provides) +
