@@ -52,6 +52,7 @@ HostRoot::HostRoot() {
   for (const char* directory : {"/var/log", "/usr/libexec/bootstrand/plugins", "/usr/lib/tessary/cormcli"}) {
     std::filesystem::create_directories(Path(directory));
   }
+  WriteCommand("mark", "echo \"$*\" >> \"$BOOTSTRAND_ROOT/order.log\"");
 }
 
 HostRoot::~HostRoot() {
@@ -83,6 +84,16 @@ std::vector<std::string> HostRoot::Lines(const std::string& hostPath) const {
   std::ifstream file(Path(hostPath));
   for (std::string line; std::getline(file, line);) lines.push_back(line);
   return lines;
+}
+
+void HostRoot::CopyExampleTree() const {
+  std::filesystem::copy(std::string(BOOTSTRAND_EXAMPLES_DIR) + "/tree", root_,
+                        std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing);
+}
+
+void HostRoot::CopyTestPlugin(const std::string& file) const {
+  std::filesystem::copy_file(std::string(BOOTSTRAND_TEST_PLUGIN_DIR) + "/" + file,
+                             Path("/usr/libexec/bootstrand/plugins/" + file));
 }
 
 void HostRoot::WritePlugin(const std::string& fileName, const nlohmann::json& plugin, int directory) const {
