@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <memory>
 #include <set>
 #include <sstream>
 
@@ -20,73 +19,57 @@ const std::vector<std::string> kManualPages = {
     "/usr/share/man/man8/bootstrand.8.gz", "/usr/share/man/man8/bootstrand-lint.8.gz",
     "/usr/share/man/man8/bootstrand-analyze.8.gz", "/usr/share/man/man5/bootstrand.plugin.5.gz"};
 
-// One installation for all the tests, in a scratch root that also takes the plugin builds.
+// Each test installs into a scratch root that also takes the plugin builds.
 class Installed : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    scratch = std::make_unique<HostRoot>();
-    if (!BOOTSTRAND_MAN_BUILT) return;
-    installed = Shell("DESTDIR=\"$1\" \"$2\" --install \"$3\" --prefix /usr", {Staged(""), BOOTSTRAND_CMAKE,
-                                                                               BOOTSTRAND_BUILD_DIR});
-  }
-  static void TearDownTestSuite() { scratch.reset(); }
-
   void SetUp() override {
-    if (!BOOTSTRAND_MAN_BUILT) {
-      GTEST_SKIP() << "the manual pages were not built (scdoc was missing when this build was configured, or "
-                      "BOOTSTRAND_MAN=OFF): install scdoc (tools/install-deps) and configure again";
-    }
+    if (!BOOTSTRAND_MAN_BUILT) GTEST_SKIP() << "the manual pages were not built (no scdoc, or BOOTSTRAND_MAN=OFF)";
     for (const char* tool : {"pkg-config", "cc"}) {
       if (!Available(tool)) GTEST_SKIP() << tool << " is missing (tools/install-deps installs it)";
     }
-    ASSERT_EQ(installed.exitStatus, 0) << installed.out << installed.err;
+    RunResult install = Shell("DESTDIR=\"$1\" \"$2\" --install \"$3\" --prefix /usr",
+                              {stage, BOOTSTRAND_CMAKE, BOOTSTRAND_BUILD_DIR});
+    ASSERT_EQ(install.exitStatus, 0) << install.out << install.err;
   }
 
   // Runs `script` with sh; `arguments` are its $1, $2, ...
-  static RunResult Shell(const std::string& script, const std::vector<std::string>& arguments = {},
-                         const std::map<std::string, std::string>& environment = {}) {
+  RunResult Shell(const std::string& script, const std::vector<std::string>& arguments = {},
+                  const std::map<std::string, std::string>& environment = {}) const {
     std::vector<std::string> argv = {"-c", script, "sh"};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
-    return RunProgram("/bin/sh", *scratch, argv, environment, 300);
+    return RunProgram("/bin/sh", scratch, argv, environment, 300);
   }
-  static bool Available(const std::string& program) { return Shell("command -v \"$1\"", {program}).exitStatus == 0; }
-  static std::string Staged(const std::string& path) { return scratch->Path("/stage" + path); }
+  bool Available(const std::string& program) const { return Shell("command -v \"$1\"", {program}).exitStatus == 0; }
+  std::string Staged(const std::string& path) const { return stage + path; }
 
-  static inline std::unique_ptr<HostRoot> scratch;
-  static inline RunResult installed;
+  HostRoot scratch;
+  const std::string stage = scratch.Path("/stage");
 };
 
 TEST_F(Installed, LaysOutTheFilesWithTheInstallPrefix) {
   std::set<std::string> files;  // files, links and empty folders
-  const std::string stage = Staged("");
   for (const auto& entry : fs::recursive_directory_iterator(stage)) {
     if (!entry.is_directory() || fs::is_empty(entry.path())) files.insert(entry.path().string().substr(stage.size()));
   }
-  std::set<std::string> expected = {"/usr/sbin/bootstrand",
-                                    "/usr/sbin/bootstrand-lint",
-                                    "/usr/sbin/bootstrand-analyze",
-                                    "/usr/include/bootstrand/native_plugin.h",
-                                    "/usr/libexec/bootstrand/plugins",
-                                    "/usr/libexec/bootstrand/plugins2",
-                                    "/usr/share/pkgconfig/bootstrand-plugin.pc",
-                                    "/usr/share/cmake/BootstrandPlugin/BootstrandPluginConfig.cmake",
-                                    "/usr/share/cmake/BootstrandPlugin/BootstrandPluginConfigVersion.cmake",
-                                    "/usr/lib/systemd/system/bootstrand.service",
-                                    "/usr/share/bash-completion/completions/bootstrand",
-                                    "/usr/share/bash-completion/completions/bootstrand-lint",
-                                    "/usr/share/bash-completion/completions/bootstrand-analyze",
-                                    "/usr/share/doc/bootstrand/copyright",
-                                    "/usr/share/doc/bootstrand/changelog.gz",
-                                    "/usr/share/lintian/overrides/bootstrand"};
+  std::set<std::string> expected = {
+      "/usr/sbin/bootstrand", "/usr/sbin/bootstrand-lint", "/usr/sbin/bootstrand-analyze",
+      "/usr/include/bootstrand/native_plugin.h", "/usr/share/pkgconfig/bootstrand-plugin.pc",
+      "/usr/libexec/bootstrand/plugins", "/usr/libexec/bootstrand/plugins2",
+      "/usr/share/cmake/BootstrandPlugin/BootstrandPluginConfig.cmake",
+      "/usr/share/cmake/BootstrandPlugin/BootstrandPluginConfigVersion.cmake",
+      "/usr/lib/systemd/system/bootstrand.service", "/usr/share/bash-completion/completions/bootstrand",
+      "/usr/share/bash-completion/completions/bootstrand-lint", "/usr/share/bash-completion/completions/bootstrand-analyze",
+      "/usr/share/doc/bootstrand/copyright", "/usr/share/doc/bootstrand/changelog.gz",
+      "/usr/share/lintian/overrides/bootstrand"};
   expected.insert(kManualPages.begin(), kManualPages.end());
   EXPECT_EQ(files, expected);
   // The build was configured for another prefix: these must name the one installed to.
-  std::string unit = scratch->ReadFile("/stage/usr/lib/systemd/system/bootstrand.service");
+  std::string unit = scratch.ReadFile("/stage/usr/lib/systemd/system/bootstrand.service");
   EXPECT_NE(unit.find("\nExecStart=/usr/sbin/bootstrand\n"), std::string::npos);
-  EXPECT_NE(scratch->ReadFile("/stage/usr/share/pkgconfig/bootstrand-plugin.pc").find("\nprefix=/usr\n"),
+  EXPECT_NE(scratch.ReadFile("/stage/usr/share/pkgconfig/bootstrand-plugin.pc").find("\nprefix=/usr\n"),
             std::string::npos);
   for (const std::string tool : {"bootstrand-lint", "bootstrand-analyze"}) {
-    RunResult version = RunProgram(Staged("/usr/sbin/" + tool), *scratch, {"--version"});
+    RunResult version = RunProgram(Staged("/usr/sbin/" + tool), scratch, {"--version"});
     EXPECT_EQ(version.exitStatus, 0);
     EXPECT_EQ(version.out, tool + " " BOOTSTRAND_VERSION "\n");
   }
@@ -101,9 +84,9 @@ TEST_F(Installed, LaysOutTheFilesWithTheInstallPrefix) {
   }
   if (!Available("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is missing: the unit is not verified";
   const std::string execStart = "ExecStart=/usr/sbin/bootstrand";
-  scratch->WriteFile("/unit/bootstrand.service",
+  scratch.WriteFile("/unit/bootstrand.service",
                      unit.replace(unit.find(execStart), execStart.size(), "ExecStart=" + Staged("/usr/sbin/bootstrand")));
-  RunResult verify = Shell("systemd-analyze verify \"$1\"", {scratch->Path("/unit/bootstrand.service")},
+  RunResult verify = Shell("systemd-analyze verify \"$1\"", {scratch.Path("/unit/bootstrand.service")},
                            {{"MANPATH", Staged("/usr/share/man")}});
   EXPECT_EQ(verify.exitStatus, 0) << verify.err;
   EXPECT_EQ(verify.err, "");
@@ -121,11 +104,11 @@ TEST_F(Installed, NativePluginsBuiltWithTheSdkBootInOrder) {
   RunResult pkgConfig = Shell("set -e; flags=$(pkg-config --cflags bootstrand-plugin); "
                               "libs=$(pkg-config --libs bootstrand-plugin); cc $flags -o \"$1\" \"$2\" $libs",
                               {viaPkgConfig, std::string(BOOTSTRAND_EXAMPLES_DIR) + "/native/coredump.c"},
-                              {{"PKG_CONFIG_PATH", Staged("/usr/share/pkgconfig")}, {"PKG_CONFIG_SYSROOT_DIR", Staged("")}});
+                              {{"PKG_CONFIG_PATH", Staged("/usr/share/pkgconfig")}, {"PKG_CONFIG_SYSROOT_DIR", stage}});
   ASSERT_EQ(pkgConfig.exitStatus, 0) << pkgConfig.err;
   RunResult cmake = Shell("set -e; \"$1\" -S \"$2\" -B \"$3\" -DCMAKE_PREFIX_PATH=\"$4\" >/dev/null; "
                           "\"$1\" --build \"$3\" >/dev/null; cp \"$3/coredump.so\" \"$5\"",
-                          {BOOTSTRAND_CMAKE, std::string(BOOTSTRAND_EXAMPLES_DIR) + "/sdk", scratch->Path("/sdk"),
+                          {BOOTSTRAND_CMAKE, std::string(BOOTSTRAND_EXAMPLES_DIR) + "/sdk", scratch.Path("/sdk"),
                            Staged("/usr"), viaCMake});
   ASSERT_EQ(cmake.exitStatus, 0) << cmake.out << cmake.err;
   for (const std::string& plugin : {viaPkgConfig, viaCMake}) {
@@ -154,7 +137,7 @@ TEST_F(Installed, CompletionOffersOptionsPluginsAndTagsWithoutRunningTheActivato
   host.CopyExampleTree();
   // The activator's long options, as its help text lists them.
   std::string options;
-  std::istringstream help(RunBootstrand(*scratch, {"--help"}).err);
+  std::istringstream help(RunBootstrand(scratch, {"--help"}).err);
   for (std::string line; std::getline(help, line);) {
     std::istringstream names(line.substr(0, line.find_first_of(" \t")));
     for (std::string name; std::getline(names, name, ',');) {
@@ -172,7 +155,7 @@ TEST_F(Installed, CompletionOffersOptionsPluginsAndTagsWithoutRunningTheActivato
       {"bootstrand-analyze --plugins 60", "60-ssh.json"},
       {"bootstrand-analyze --v", "--version"},
   };
-  scratch->WriteFile("/complete.bash",
+  scratch.WriteFile("/complete.bash",
                      "source \"$1\"; source \"$2\"; PATH=$3:$PATH; shift 3\n"
                      "for line in \"$@\"; do\n"
                      "  read -ra COMP_WORDS <<<\"$line\"\n"
@@ -182,7 +165,7 @@ TEST_F(Installed, CompletionOffersOptionsPluginsAndTagsWithoutRunningTheActivato
                      "  ${function%% *} \"${COMP_WORDS[0]}\" \"${COMP_WORDS[COMP_CWORD]}\" \"${COMP_WORDS[COMP_CWORD - 1]}\"\n"
                      "  echo \"$line: ${COMPREPLY[*]}\"\n"
                      "done\n");
-  std::vector<std::string> arguments = {scratch->Path("/complete.bash"), library,
+  std::vector<std::string> arguments = {scratch.Path("/complete.bash"), library,
                                         Staged("/usr/share/bash-completion/completions/bootstrand"), Staged("/usr/sbin")};
   std::string expected;
   for (const auto& [line, candidates] : cases) {

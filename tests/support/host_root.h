@@ -60,7 +60,6 @@ nlohmann::json JsonPlugin(const std::vector<std::string>& provides, const std::v
 
 struct RunResult {
   int exitStatus = -1;  // -1 when the process was killed by a signal or timed out
-  int signal = 0;
   bool timedOut = false;
   std::string out;
   std::vector<std::string> outWrites;  // `out` as the program wrote it, one element per write
