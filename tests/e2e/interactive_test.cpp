@@ -61,6 +61,12 @@ TEST(Interactive, TheOperatorSkipsExecutesThenContinues) {
   EXPECT_GT(IndexOf(kernel, "Bootstrand plugin a activated."), IndexOf(kernel, "Bootstrand plugin a skipped."));
   EXPECT_GE(IndexOf(kernel, "Bootstrand plugin a skipped."), 0);
   EXPECT_EQ(output.find("\x1b[?25l", prompts.back() + 1), std::string::npos) << output;
+  // The first prompt whole, and the line redrawn with the answer.
+  EXPECT_NE(output.find("\x1b[36ma\x1b[0m: \x1b[35m(c)ontinue\x1b[0m \x1b[32m(e)xecute\x1b[0m \x1b[33m(t)roubleshoot\x1b[0m "
+                        "\x1b[31m(s)kip\x1b[0m\x1b[?25l\r\x1b[36ma\x1b[0m: \x1b[37m(c)ontinue\x1b[0m \x1b[37m(e)xecute\x1b[0m "
+                        "\x1b[37m(t)roubleshoot\x1b[0m \x1b[31m(s)kip\x1b[0m\x1b[?25h\r\n"),
+            std::string::npos)
+      << output;
   // The prompt starts on a clean line of the console that shows the live line.
   EXPECT_NE(output.find("[1/4] activating: b\r\x1b[K\x1b[36mc-with-a-long-name\x1b[0m: "), std::string::npos)
       << output;
