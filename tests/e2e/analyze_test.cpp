@@ -6,10 +6,7 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <fstream>
-#include <set>
 
 #include "support/host_root.h"
 
@@ -27,11 +24,6 @@ std::size_t Count(const std::string& text, const std::string& part) {
   std::size_t found = 0;
   for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++found;
   return found;
-}
-
-// Orders report entries by a number.
-auto Less(const char* key) {
-  return [key](const json& a, const json& b) { return a[key].get<long long>() < b[key].get<long long>(); };
 }
 
 class Analyzer : public ::testing::Test {
@@ -68,30 +60,20 @@ TEST_F(Analyzer, ReportsAndComparesBootsOfTheExampleTree) {
   EXPECT_EQ(timing[timing.size() - 2], " Start: " + report["activation_start"].get<std::string>());
   EXPECT_GT(report["activation_us"].get<long long>(), 300000);
 
-  // Every timed plugin once, by start time; the failure comes from the alert sink.
-  std::vector<std::string> byStart;
+  // Each plugin's outcome, the failure from the alert sink; the orders of the lists
+  // and of the timeline's bars are the analyzer's unit tests.
+  ASSERT_EQ(report["plugins"].size(), 13u);
   for (const json& plugin : report["plugins"]) {
-    byStart.push_back(plugin["name"]);
     EXPECT_EQ(plugin["outcome"], plugin["name"] == "40-syslog-forward" ? "failed" : "activated") << plugin;
   }
-  EXPECT_EQ(std::set<std::string>(byStart.begin(), byStart.end()).size(), 13u);
-  EXPECT_TRUE(std::is_sorted(report["plugins"].begin(), report["plugins"].end(), Less("start_us")));
   EXPECT_EQ(report["untimed"], json::parse(R"([{"name": "30-static-ip", "outcome": "skipped"}])"));
-  ASSERT_EQ(report["blame"].size(), 13u);
   EXPECT_EQ(report["blame"][0]["name"], "40-time");
-  EXPECT_TRUE(std::is_sorted(report["blame"].rbegin(), report["blame"].rend(), Less("duration_us")));
   // The chain runs through the slowed command.
   std::vector<std::string> chain;
   for (const json& link : report["critical_chain"]) chain.push_back(link["name"]);
   EXPECT_EQ(chain, (std::vector<std::string>{"10-devices", "20-network-drivers", "30-dhcp", "40-time",
                                              "80-management-agent", "end-autoconf"}));
-  // The timeline has one bar per plugin, in the same order.
-  std::string svg = scratch.ReadFile("/timeline.svg");
-  EXPECT_EQ(Count(svg, "<rect class=\"bar "), 13u);
-  for (std::size_t at = 0, i = 0; i < byStart.size(); ++i) {
-    at = svg.find("text-anchor=\"end\">" + byStart[i] + "</text><rect class=\"bar ", at);
-    ASSERT_NE(at, std::string::npos) << byStart[i];
-  }
+  EXPECT_EQ(Count(scratch.ReadFile("/timeline.svg"), "<rect class=\"bar "), 13u);
 
   run = Analyze({"--plugins", kPlugins});
   ASSERT_EQ(run.exitStatus, 0) << run.err;
@@ -117,12 +99,11 @@ TEST_F(Analyzer, ReportsAndComparesBootsOfTheExampleTree) {
   EXPECT_GE(compare["slower"][0]["delta_us"].get<long long>(), 250000);
   ASSERT_EQ(compare["plugins"].size(), 13u);
   EXPECT_EQ(compare["plugins"][0], compare["slower"][0]);
-  EXPECT_TRUE(std::is_sorted(compare["plugins"].rbegin(), compare["plugins"].rend(), Less("delta_us")));
   EXPECT_EQ(compare["added"], json::array());
   EXPECT_EQ(compare["removed"], json::array());
   EXPECT_EQ(compare["critical_chain"]["after"], json(chain));
   // One row per plugin holding its bar of each boot; 40-time's later bar is a slower one.
-  svg = scratch.ReadFile("/compare.svg");
+  std::string svg = scratch.ReadFile("/compare.svg");
   EXPECT_EQ(Count(svg, "<rect class=\"bar before\""), 13u);
   EXPECT_EQ(Count(svg, "<rect class=\"bar after "), 13u);
   std::size_t row = svg.find(">40-time</text><rect class=\"bar before\"");
@@ -195,7 +176,7 @@ TEST_F(Analyzer, TimelineRendersInAHeadlessBrowser) {
   }
   Boot(root);
   ASSERT_EQ(Analyze({"--svg", scratch.Path("/timeline.svg")}).exitStatus, 0);
-  std::ofstream(scratch.Path("/blank.svg")) << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"600\" height=\"300\"/>\n";
+  scratch.WriteFile("/blank.svg", "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"600\" height=\"300\"/>\n");
   // Each run gets a new, empty profile directory; file names need no quoting here.
   auto chromium = [&](const std::string& what, const std::string& svg, const std::string& output) {
     static int runs = 0;

@@ -94,17 +94,19 @@ const Fault kFaults[] = {
     {"CommandIgnoringTermination", "stubborn", {"--max-workers", "2"},
      {"--name=after", "--name=other", "--name=victim", "survived"}, {},
      [](const HostRoot& root) {
-       root.WriteCommand("stubborn", "trap '' TERM\nkill -TERM $$\nsleep 1\necho survived >>\"$BOOTSTRAND_ROOT/order.log\"");
+       root.WriteCommand("stubborn",
+                         "trap '' TERM\nkill -TERM $$\nsleep 1\necho survived >> \"$BOOTSTRAND_ROOT/order.log\"");
      },
      [](const HostRoot& root, const RunResult&) {
        Lines order = root.Marks();
        EXPECT_LT(IndexOf(order, "survived"), IndexOf(order, "--name=victim"));
        EXPECT_LT(IndexOf(order, "--name=victim"), IndexOf(order, "--name=after"));
      }},
-    // The daemon keeps the command's standard error open for 30 seconds; it must
-    // neither hold the boot nor be killed, and the timing record is the command's own.
+    // The daemon keeps the command's standard error open for a minute, longer than the
+    // test waits; it must neither hold the boot nor be killed, and the timing record is
+    // the command's own.
     {"DaemonLeftByACommand", "daemon", {"--time-ops"}, {"--name=after", "--name=other", "--name=victim"}, {},
-     [](const HostRoot& root) { root.WriteCommand("daemon", "sleep 30 &\necho $! > \"$BOOTSTRAND_ROOT/daemon.pid\""); },
+     [](const HostRoot& root) { root.WriteCommand("daemon", "sleep 60 &\necho $! > \"$BOOTSTRAND_ROOT/daemon.pid\""); },
      [](const HostRoot& root, const RunResult&) {
        pid_t daemon = root.Exists("/daemon.pid") ? std::stoi(root.ReadFile("/daemon.pid")) : 0;
        bool alive = daemon > 0 && kill(daemon, 0) == 0;
@@ -159,8 +161,9 @@ TEST_P(Faults, TheBootEndsAndTheOtherPluginsRun) {
   root.WritePlugin("after.json", JsonPlugin({"a"}, {"v"}, {"mark --name after"}));
   root.WritePlugin("other.json", JsonPlugin({"o"}, {}, {"mark --name other"}));
   if (fault.arrange) fault.arrange(root);
-  RunResult run = fault.shell == nullptr ? RunBootstrand(root, fault.arguments, {}, 30)
-                                         : RunProgram("/bin/sh", root, {"-c", fault.shell, BOOTSTRAND_BINARY}, {}, 30);
+  RunResult run = fault.shell == nullptr
+                      ? RunBootstrand(root, fault.arguments, {}, 30)
+                      : RunProgram("/bin/sh", root, {"-c", fault.shell, BOOTSTRAND_BINARY}, {}, 30);
   if (fault.check) fault.check(root, run);
   EXPECT_FALSE(run.timedOut);
   EXPECT_EQ(run.exitStatus, 0) << run.err;

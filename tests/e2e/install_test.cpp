@@ -58,7 +58,8 @@ TEST_F(Installed, LaysOutTheFilesWithTheInstallPrefix) {
       "/usr/share/cmake/BootstrandPlugin/BootstrandPluginConfig.cmake",
       "/usr/share/cmake/BootstrandPlugin/BootstrandPluginConfigVersion.cmake",
       "/usr/lib/systemd/system/bootstrand.service", "/usr/share/bash-completion/completions/bootstrand",
-      "/usr/share/bash-completion/completions/bootstrand-lint", "/usr/share/bash-completion/completions/bootstrand-analyze",
+      "/usr/share/bash-completion/completions/bootstrand-lint",
+      "/usr/share/bash-completion/completions/bootstrand-analyze",
       "/usr/share/doc/bootstrand/copyright", "/usr/share/doc/bootstrand/changelog.gz",
       "/usr/share/lintian/overrides/bootstrand"};
   expected.insert(kManualPages.begin(), kManualPages.end());
@@ -84,8 +85,8 @@ TEST_F(Installed, LaysOutTheFilesWithTheInstallPrefix) {
   }
   if (!Available("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is missing: the unit is not verified";
   const std::string execStart = "ExecStart=/usr/sbin/bootstrand";
-  scratch.WriteFile("/unit/bootstrand.service",
-                     unit.replace(unit.find(execStart), execStart.size(), "ExecStart=" + Staged("/usr/sbin/bootstrand")));
+  unit.replace(unit.find(execStart), execStart.size(), "ExecStart=" + Staged("/usr/sbin/bootstrand"));
+  scratch.WriteFile("/unit/bootstrand.service", unit);
   RunResult verify = Shell("systemd-analyze verify \"$1\"", {scratch.Path("/unit/bootstrand.service")},
                            {{"MANPATH", Staged("/usr/share/man")}});
   EXPECT_EQ(verify.exitStatus, 0) << verify.err;
@@ -162,11 +163,13 @@ TEST_F(Installed, CompletionOffersOptionsPluginsAndTagsWithoutRunningTheActivato
                      "  COMP_CWORD=$((${#COMP_WORDS[@]} - 1)) COMP_LINE=$line COMP_POINT=${#line}\n"
                      "  registration=$(complete -p \"${COMP_WORDS[0]}\"); function=${registration#*-F }\n"
                      "  COMPREPLY=()\n"
-                     "  ${function%% *} \"${COMP_WORDS[0]}\" \"${COMP_WORDS[COMP_CWORD]}\" \"${COMP_WORDS[COMP_CWORD - 1]}\"\n"
+                     "  ${function%% *} \"${COMP_WORDS[0]}\" \"${COMP_WORDS[COMP_CWORD]}\" "
+                     "\"${COMP_WORDS[COMP_CWORD - 1]}\"\n"
                      "  echo \"$line: ${COMPREPLY[*]}\"\n"
                      "done\n");
   std::vector<std::string> arguments = {scratch.Path("/complete.bash"), library,
-                                        Staged("/usr/share/bash-completion/completions/bootstrand"), Staged("/usr/sbin")};
+                                        Staged("/usr/share/bash-completion/completions/bootstrand"),
+                                        Staged("/usr/sbin")};
   std::string expected;
   for (const auto& [line, candidates] : cases) {
     arguments.push_back(line);

@@ -110,7 +110,8 @@ TEST(Lint, ReportsWhatWouldStopABoot) {
       {"dhcp", {"ip"}, {"link"}, Preemptive()}, {"link", {"ip", "link"}, {}, {}},
       {"loop", {"loop", "other"}, {"loop", "other", "net"}, {}}, {"net", {"net"}, {}, {}},
       {"last", {}, {"json plugins"}, {}},
-      {"p1", {"addr"}, {}, Preemptive()}, {"static", {"addr"}, {}, {}}, {"zeroconf", {"addr", "mdns"}, {}, Preemptive()}};
+      {"p1", {"addr"}, {}, Preemptive()}, {"static", {"addr"}, {}, {}},
+      {"zeroconf", {"addr", "mdns"}, {}, Preemptive()}};
   for (const auto& [name, provides, requires_, metadata] : plugins) {
     root.WritePlugin(name + std::string(".json"), JsonPlugin(provides, requires_, {}, metadata));
   }
@@ -212,7 +213,8 @@ TEST(Lint, SplitsWavesByWorkerCountAndDropsPreemptedRivals) {
             "  wave 4: after\n  wave 5: end-autoconf\n"
             "9 plugins, 0 stops, 0 warnings: boot would complete in 5 waves\n");
   EXPECT_EQ(json::parse(Lint(root, {"--json", "--workers", "2"}).out)["preempted"],
-            json::parse(R"([{"plugin": "api3", "by": "api5", "wave": 3}, {"plugin": "ntp", "by": "api5", "wave": 3}])"));
+            json::parse(R"([{"plugin": "api3", "by": "api5", "wave": 3},
+                            {"plugin": "ntp", "by": "api5", "wave": 3}])"));
   ExpectTheActivatorsSerialOrder(root);
 }
 
