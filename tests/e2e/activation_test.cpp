@@ -148,9 +148,10 @@ TEST(Activation, AnEmptyPluginListStartsNoWorker) {
   EXPECT_FALSE(root.Exists("/var/log/sysboot.log"));
 }
 
-// A failure that the logging set-up throws ends the run; those it reports itself do not.
+// A failure that the logging set-up throws ends the run (where the leak checker of a
+// sanitizer build may report after the message); those it reports itself do not.
 TEST(Activation, LoggingSetUpFailures) {
-  const std::tuple<const char*, int, const char*> cases[] = {
+  const std::tuple<const char*, int, std::string> cases[] = {
       {"InitThrow", 1, "error: Failed to initialize bootstrand: syslog connection refused (forced)\n"},
       {"InitThrowOther", 1, "error: Failed to initialize bootstrand\n"},
       {"Syslog", 0, "Failed to initialize logging to syslog.\n"},
@@ -161,7 +162,7 @@ TEST(Activation, LoggingSetUpFailures) {
     HostRoot root;
     RunResult run = RunBootstrand(root, {}, {{"BOOTSTRAND_LOG_FAIL", failure}});
     EXPECT_EQ(run.exitStatus, status) << failure;
-    EXPECT_EQ(run.err, message);
+    EXPECT_EQ(status == 0 ? run.err : run.err.substr(0, message.size()), message);
     EXPECT_EQ(root.Exists("/var/log/sysboot.log"), status == 0) << failure;
   }
 }

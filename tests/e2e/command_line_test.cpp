@@ -7,6 +7,8 @@
 namespace bootstrand::testing {
 namespace {
 
+using Lines = std::vector<std::string>;
+
 const char* const kHelpText =
     "--help,-h\tshow this help message\n"
     "--interactive [tag,...]\n"
@@ -49,7 +51,7 @@ TEST(CommandLine, HelpPrintsTheTableOnStandardErrorAndSucceeds) {
 
 // With --quiet the alert goes nowhere, but the help text still shows.
 TEST(CommandLine, ArgumentErrorsGoToTheAlertChannelWithUsageAndStatusOne) {
-  const std::pair<std::vector<std::string>, const char*> cases[] = {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"--bogus=1"}, "Invalid arg --bogus=1"},
       {{"dry"}, "Invalid arg dry"},
       {{"--dry", "--bogus", "-h"}, "Invalid arg --bogus"},
@@ -59,13 +61,13 @@ TEST(CommandLine, ArgumentErrorsGoToTheAlertChannelWithUsageAndStatusOne) {
       {{"--max-workers", "many"}, "Invalid number for --max-workers: many"},
       {{"--max-workers=99999999999"}, "Invalid number for --max-workers: 99999999999"},
       {{"--randomize=x7"}, "Invalid number for --randomize: x7"},
-      {{"--quiet", "--bogus"}, nullptr},
+      {{"--quiet", "--bogus"}, ""},
   };
   for (const auto& [arguments, alert] : cases) {
     HostRoot root;
     RunResult run = RunBootstrand(root, arguments);
     EXPECT_EQ(run.exitStatus, 1) << arguments.back();
-    EXPECT_EQ(root.Channel("alert"), alert == nullptr ? std::vector<std::string>{} : std::vector<std::string>{alert});
+    EXPECT_EQ(root.Channel("alert"), alert.empty() ? Lines{} : Lines{alert});
     EXPECT_NE(run.err.find(kHelpText), std::string::npos) << arguments.back();
     EXPECT_FALSE(root.Exists("/var/log/sysboot.log"));
   }
@@ -88,16 +90,16 @@ TEST(CommandLine, ValuesAreTakenInlineOrFromTheNextArgument) {
 
 // 5 GiB and less make the boot serial.
 TEST(CommandLine, MemoryCheckMakesSmallHostsSerial) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"5368709120", "There is not enough memory for parallel bootstrand. Activating bootstrand plugins serially."},
-      {"5369757696", nullptr},
-      {"fail", "Retrieving system main memory size failed."},
+  const std::pair<const char*, Lines> cases[] = {
+      {"5368709120", {"There is not enough memory for parallel bootstrand. Activating bootstrand plugins serially."}},
+      {"5369757696", {}},
+      {"fail", {"Retrieving system main memory size failed."}},
   };
-  for (const auto& [memory, alert] : cases) {
+  for (const auto& [memory, alerts] : cases) {
     HostRoot root;
     RunResult run = RunBootstrand(root, {"--dry"}, {{"BOOTSTRAND_MAIN_MEMORY", memory}});
     EXPECT_EQ(run.exitStatus, 0) << memory;
-    EXPECT_EQ(root.Channel("alert"), alert == nullptr ? std::vector<std::string>{} : std::vector<std::string>{alert});
+    EXPECT_EQ(root.Channel("alert"), alerts) << memory;
   }
 }
 
