@@ -131,7 +131,7 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
   for (char** each = environ; *each != nullptr; ++each) {
     std::string entry(*each);
     std::size_t equals = entry.find('=');
-    if (equals != std::string::npos && entry.rfind("BOOTSTRAND_", 0) != 0) {
+    if (!entry.starts_with("BOOTSTRAND_") && equals != std::string::npos) {
       variables[entry.substr(0, equals)] = entry.substr(equals + 1);
     }
   }
@@ -139,12 +139,10 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
   for (const auto& [name, value] : environment) variables[name] = value;
   std::vector<std::string> entries;
   for (const auto& [name, value] : variables) entries.push_back(name + "=" + value);
-
-  std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+  std::vector<char*> argv = {const_cast<char*>(program.c_str())}, envp;
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  std::vector<char*> envp;
   for (std::string& entry : entries) envp.push_back(entry.data());
+  argv.push_back(nullptr);
   envp.push_back(nullptr);
 
   // Standard output is a packet pipe, so that each write arrives as one read;
