@@ -1,189 +1,182 @@
 // Faults injected into whole boots of the real binary: workers that die mid-plugin,
-// native plugins that end their process, commands that ignore signals, pipes named as
-// plugins, and host files or folders that cannot be used. Every boot must end, report the fault and
-// let the other plugins run.
+// native plugins that end their process, commands that ignore signals or leave a
+// daemon, pipes named as plugins, and host files or folders that cannot be used.
+// Every boot must end, report the fault and let the other plugins run.
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <functional>
 
 #include "support/host_root.h"
 
 namespace bootstrand::testing {
 namespace {
 
-const char* const kMark = "echo \"$*\" >> \"$BOOTSTRAND_ROOT/order.log\"";
+using Lines = std::vector<std::string>;
 
-class Faults : public ::testing::Test {
- protected:
-  void SetUp() override { root.WriteCommand("mark", kMark); }
-
-  // Plugin `victim` runs `command`; `after` requires it, `other` is independent.
-  void WriteVictimAndNeighbours(const std::string& command) {
-    root.WritePlugin("victim.json", JsonPlugin({"v"}, {}, {command, "mark --name victim"}));
-    root.WritePlugin("after.json", JsonPlugin({"a"}, {"v"}, {"mark --name after"}));
-    root.WritePlugin("other.json", JsonPlugin({"o"}, {}, {"mark --name other"}));
-  }
-
-  std::vector<std::string> Order() const { return root.Lines("/order.log"); }
-
-  HostRoot root;
+// Each fault boots a fresh root with three plugins: "victim" runs the command
+// `victim` and then marks, "after" requires it and "other" does not.
+struct Fault {
+  const char* name;
+  std::string victim;
+  std::vector<std::string> arguments;
+  Lines marks;   // sorted
+  Lines alerts;  // sorted
+  std::function<void(const HostRoot&)> arrange = nullptr;                  // puts the fault in place
+  std::function<void(const HostRoot&, const RunResult&)> check = nullptr;  // what else it must leave
+  const char* shell = nullptr;  // a shell line that starts the activator ("$0") instead
 };
 
-TEST_F(Faults, AWorkerKilledMidPluginFailsThatPluginOnly) {
-  // The command's parent is the worker running the plugin.
-  for (const char* signal : {"KILL", "SEGV"}) {
-    HostRoot fresh;
-    fresh.WriteCommand("mark", kMark);
-    fresh.WriteCommand("die", std::string("kill -") + signal + " $PPID");
-    fresh.WritePlugin("victim.json", JsonPlugin({"v"}, {}, {"die", "mark --name victim"}));
-    fresh.WritePlugin("after.json", JsonPlugin({"a"}, {"v"}, {"mark --name after"}));
-    RunResult run = RunBootstrand(fresh, {"--max-workers", "1"});
-    ASSERT_EQ(run.exitStatus, 0) << signal << run.err;
-    // The sanitizers turn a segmentation fault into an ordinary exit, so only the
-    // kill is pinned down to its line.
-    EXPECT_NE(run.out.find("victim: exited with "), std::string::npos) << run.out;
-    if (std::string(signal) == "KILL") {
-      EXPECT_EQ(run.out, "victim: exited with signal 9\n");
-    }
-    EXPECT_EQ(fresh.Channel("alert"), std::vector<std::string>{"Bootstrand plugin victim activation failed."});
-    EXPECT_EQ(fresh.Lines("/order.log"), std::vector<std::string>{"--name=after"}) << signal;
-    EXPECT_GE(IndexOf(fresh.Channel("kernel"), "Bootstrand plugin end-autoconf activated."), 0);
-  }
+void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
+
+const Lines kAll = {"--name=after", "--name=first", "--name=other", "--name=victim"};
+const Lines kVictimFailed = {"Bootstrand plugin victim activation failed."};
+const Lines kAllFailed = {"Bootstrand plugin after activation failed.", "Bootstrand plugin other activation failed.",
+                          "Bootstrand plugin victim activation failed."};
+
+void EndAutoconfRan(const HostRoot& root, const RunResult&) {
+  EXPECT_GE(IndexOf(root.Channel("kernel"), "Bootstrand plugin end-autoconf activated."), 0);
 }
 
-TEST_F(Faults, NativePluginsThatEndTheirProcess) {
-  for (const char* name : {"exiting.so", "crashing.so"}) {
-    std::filesystem::copy_file(std::string(BOOTSTRAND_TEST_PLUGIN_DIR) + "/" + name,
-                               root.Path(std::string("/usr/libexec/bootstrand/plugins/") + name));
-  }
-  root.WritePlugin("other.json", JsonPlugin({"o"}, {}, {"mark --name other"}));
-  RunResult run = RunBootstrand(root, {"--max-workers", "1"});
-  ASSERT_EQ(run.exitStatus, 0) << run.err;
-  // A worker that exits with status 0 reports success, whatever the plugin meant.
-  EXPECT_EQ(run.out, "crashing: exited with signal 6\n");
-  EXPECT_GE(IndexOf(root.Channel("kernel"), "Bootstrand plugin exiting activated."), 0);
-  EXPECT_EQ(root.Channel("alert"), std::vector<std::string>{"Bootstrand plugin crashing activation failed."});
-  EXPECT_EQ(Order(), std::vector<std::string>{"--name=other"});
-}
-
-TEST_F(Faults, ACommandIgnoringTerminationIsWaitedFor) {
-  root.WriteCommand("stubborn", "trap '' TERM\nkill -TERM $$\nsleep 1\necho survived >> \"$BOOTSTRAND_ROOT/order.log\"");
-  WriteVictimAndNeighbours("stubborn");
-  RunResult run = RunBootstrand(root, {"--max-workers", "2"}, {}, 30);
-  ASSERT_FALSE(run.timedOut);
-  ASSERT_EQ(run.exitStatus, 0) << run.err;
-  std::vector<std::string> order = Order();
-  int survived = IndexOf(order, "survived");
-  ASSERT_GE(survived, 0);
-  EXPECT_LT(survived, IndexOf(order, "--name=victim"));
-  EXPECT_LT(IndexOf(order, "--name=victim"), IndexOf(order, "--name=after"));
-  EXPECT_TRUE(root.Channel("alert").empty());
-}
-
-TEST_F(Faults, ADaemonLeftByACommandNeitherHoldsTheBootNorDies) {
-  // The daemon keeps the command's standard error open for 30 seconds.
-  root.WriteCommand("daemon", "sleep 30 &\necho $! > \"$BOOTSTRAND_ROOT/daemon.pid\"");
-  WriteVictimAndNeighbours("daemon");
-  RunResult run = RunBootstrand(root, {"--time-ops"}, {}, 15);
-  pid_t daemon = root.Exists("/daemon.pid") ? std::stoi(root.ReadFile("/daemon.pid")) : 0;
-  bool alive = daemon > 0 && kill(daemon, 0) == 0;
-  if (alive) kill(daemon, SIGKILL);
-  ASSERT_FALSE(run.timedOut);
-  EXPECT_EQ(run.exitStatus, 0) << run.err;
-  EXPECT_TRUE(alive);
-  EXPECT_GE(IndexOf(Order(), "--name=after"), 0);
-  // The timing record is the command's own time, not the daemon's.
+void UnknownCommand(const HostRoot& root, const RunResult&) {
   std::string log = root.ReadFile("/var/log/bootstrand-cormcli-stdout.log");
-  std::size_t record = log.find(" cormcli daemon\n");
-  ASSERT_NE(record, std::string::npos) << log;
-  EXPECT_EQ(log.substr(log.rfind('\n', record) + 1, 2), "0.") << log;
+  EXPECT_NE(log.find("victim: Unknown command 'network up'"), std::string::npos) << log;
 }
 
-TEST_F(Faults, CommandsStartWithDefaultSignalsWhateverTheActivatorInherited) {
-  root.WriteCommand("signals", "grep -E '^Sig(Blk|Ign)' /proc/self/status >> \"$BOOTSTRAND_ROOT/order.log\"");
-  root.WritePlugin("s.json", JsonPlugin({"s"}, {}, {"signals"}));
-  RunResult run = RunProgram("/bin/sh", root, {"-c", "trap '' HUP PIPE; exec \"$0\" --plugin s.json", BOOTSTRAND_BINARY});
-  ASSERT_EQ(run.exitStatus, 0) << run.err;
-  EXPECT_EQ(Order(), (std::vector<std::string>{"SigBlk:\t0000000000000000", "SigIgn:\t0000000000000000"}));
+// A folder where a file belongs, or the other way round.
+void Unusable(const HostRoot& root, const std::string& path, bool asFolder) {
+  std::filesystem::remove_all(root.Path(path));
+  if (asFolder) std::filesystem::create_directories(root.Path(path));
+  if (!asFolder) root.WriteFile(path, "in the way\n");
 }
 
-TEST_F(Faults, HostFilesThatCannotBeWrittenDoNotStopTheBoot) {
-  struct Case {
-    std::string name;
-    std::string blocked;  // a host path made a folder or a plain file where the other is expected
-    bool asFolder;
-  };
-  const Case cases[] = {
-      {"log folder is a file", "/var/log", false},
-      {"run-once marker is a folder", "/.runonce", true},
-  };
-  for (const Case& each : cases) {
-    HostRoot fresh;
-    fresh.WriteCommand("mark", kMark);
-    std::filesystem::remove_all(fresh.Path(each.blocked));
-    if (each.asFolder) {
-      std::filesystem::create_directories(fresh.Path(each.blocked));
-    } else {
-      fresh.WriteFile(each.blocked, "in the way\n");
-    }
-    fresh.WritePlugin("a.json", JsonPlugin({"a"}, {}, {"mark --name a"}, {{"run_once", true}}));
-    fresh.WritePlugin("b.json", JsonPlugin({"b"}, {"a"}, {"mark --name b"}));
-    RunResult run = RunBootstrand(fresh, {});
-    ASSERT_EQ(run.exitStatus, 0) << each.name << run.err;
-    EXPECT_EQ(fresh.Lines("/order.log"), (std::vector<std::string>{"--name=a", "--name=b"})) << each.name;
-    EXPECT_TRUE(fresh.Channel("alert").empty()) << each.name;
-  }
-}
-
-TEST_F(Faults, PipesNamedAsPluginsAreSkippedRatherThanWaitedFor) {
-  root.WritePlugin("a.json", JsonPlugin({"a"}, {}, {"mark --name a"}));
-  for (const char* pipe : {"/usr/libexec/bootstrand/plugins/p.json", "/q.so", "/r"}) {
-    ASSERT_EQ(mkfifo(root.Path(pipe).c_str(), 0644), 0);
-  }
-  RunResult run = RunBootstrand(root, {"--plugin", "a.json,p.json,/q.so,/r,/dev/null"}, {}, 20);
-  ASSERT_EQ(run.exitStatus, 0) << run.err;
-  EXPECT_NE(run.err.find("Skipping /usr/libexec/bootstrand/plugins/p.json: not a regular file\n"), std::string::npos);
-  EXPECT_NE(run.err.find("Skipping /q.so: not a regular file\n"), std::string::npos);
-  // Without a plugin suffix the kind of file does not matter.
-  EXPECT_NE(run.err.find("Skipping /r: unknown type\n"), std::string::npos) << run.err;
-  EXPECT_NE(run.err.find("Skipping /dev/null: unknown type\n"), std::string::npos) << run.err;
-  EXPECT_EQ(Order(), (std::vector<std::string>{"--name=a"}));
+const Fault kFaults[] = {
+    // The command's parent is the worker running the plugin.
+    {"WorkerKilled", "die", {"--max-workers", "1"}, {"--name=after", "--name=other"}, kVictimFailed,
+     [](const HostRoot& root) { root.WriteCommand("die", "kill -KILL $PPID"); },
+     [](const HostRoot& root, const RunResult& run) {
+       EXPECT_EQ(run.out, "victim: exited with signal 9\n");
+       EndAutoconfRan(root, run);
+     }},
+    // The sanitizers turn a segmentation fault into an ordinary exit: only the line's start is certain.
+    {"WorkerSegfault", "die", {"--max-workers", "1"}, {"--name=after", "--name=other"}, kVictimFailed,
+     [](const HostRoot& root) { root.WriteCommand("die", "kill -SEGV $PPID"); },
+     [](const HostRoot& root, const RunResult& run) {
+       EXPECT_EQ(run.out.rfind("victim: exited with ", 0), 0u) << run.out;
+       EndAutoconfRan(root, run);
+     }},
+    // A worker that exits with status 0 reports success, whatever the plugin meant;
+    // ntp is the preemptive api5's rival for "time".
+    {"NativePluginsEndingTheirProcess", "mark --name first", {"--max-workers", "1"}, kAll,
+     {"Bootstrand plugin crashing activation failed.", "Bootstrand plugin failing activation failed."},
+     [](const HostRoot& root) {
+       for (const char* name : {"exiting.so", "crashing.so", "api5.so", "failing.so", "version6.so"})
+         root.CopyTestPlugin(name);
+       root.WritePlugin("ntp.json", JsonPlugin({"time"}, {}, {"ntp"}));
+     },
+     [](const HostRoot& root, const RunResult& run) {
+       EXPECT_EQ(run.out, "crashing: exited with signal 6\n");
+       EXPECT_EQ(run.err, "Skipping /usr/libexec/bootstrand/plugins/version6.so: Unsupported API version: 6\n");
+       Lines kernel = root.Channel("kernel");
+       EXPECT_GE(IndexOf(kernel, "Bootstrand plugin exiting activated."), 0);
+       int api5 = IndexOf(kernel, "Bootstrand plugin api5 activated.");
+       EXPECT_GE(api5, 0);
+       EXPECT_GT(IndexOf(kernel, "Bootstrand plugin ntp skipped."), api5);
+       EXPECT_EQ(IndexOf(kernel, "Activating Bootstrand plugin ntp."), -1);
+       std::string log = root.ReadFile("/var/log/bootstrand-native-stdout.log");
+       EXPECT_NE(log.find("crit Plugin failing failed Invoking method start (rc=7)"), std::string::npos) << log;
+       EXPECT_NE(log.find("notice Invoking method start on plugin api5"), std::string::npos) << log;
+     }},
+    {"CommandIgnoringTermination", "stubborn", {"--max-workers", "2"},
+     {"--name=after", "--name=other", "--name=victim", "survived"}, {},
+     [](const HostRoot& root) {
+       root.WriteCommand("stubborn",
+                         "trap '' TERM\nkill -TERM $$\nsleep 1\necho survived >> \"$BOOTSTRAND_ROOT/order.log\"");
+     },
+     [](const HostRoot& root, const RunResult&) {
+       Lines order = root.Marks();
+       EXPECT_LT(IndexOf(order, "survived"), IndexOf(order, "--name=victim"));
+       EXPECT_LT(IndexOf(order, "--name=victim"), IndexOf(order, "--name=after"));
+     }},
+    // The daemon keeps the command's standard error open for a minute, longer than the
+    // test waits; it must neither hold the boot nor be killed, and the timing record is
+    // the command's own.
+    {"DaemonLeftByACommand", "daemon", {"--time-ops"}, {"--name=after", "--name=other", "--name=victim"}, {},
+     [](const HostRoot& root) { root.WriteCommand("daemon", "sleep 60 &\necho $! > \"$BOOTSTRAND_ROOT/daemon.pid\""); },
+     [](const HostRoot& root, const RunResult&) {
+       pid_t daemon = root.Exists("/daemon.pid") ? std::stoi(root.ReadFile("/daemon.pid")) : 0;
+       bool alive = daemon > 0 && kill(daemon, 0) == 0;
+       if (alive) kill(daemon, SIGKILL);
+       EXPECT_TRUE(alive);
+       std::string log = root.ReadFile("/var/log/bootstrand-cormcli-stdout.log");
+       std::size_t record = log.find(" cormcli daemon\n");
+       ASSERT_NE(record, std::string::npos) << log;
+       EXPECT_EQ(log.substr(log.rfind('\n', record) + 1, 2), "0.") << log;
+     }},
+    {"CommandsStartWithDefaultSignals", "signals", {},
+     {"--name=after", "--name=other", "--name=victim", "SigBlk:\t0000000000000000", "SigIgn:\t0000000000000000"}, {},
+     [](const HostRoot& root) {
+       root.WriteCommand("signals", "grep -E '^Sig(Blk|Ign)' /proc/self/status >> \"$BOOTSTRAND_ROOT/order.log\"");
+     },
+     {}, "trap '' HUP PIPE; exec \"$0\""},
+    {"LogFolderIsAFile", "mark --name first", {}, kAll, {},
+     [](const HostRoot& root) { Unusable(root, "/var/log", false); }},
+    {"RunOnceMarkerIsAFolder", "mark --name first", {}, kAll, {},
+     [](const HostRoot& root) { Unusable(root, "/.runonce", true); }},
+    // Without a plugin suffix the kind of file does not matter.
+    {"PipesNamedAsPlugins", "mark --name first", {"--plugin", "victim.json,p.json,/q.so,/r,/dev/null"},
+     {"--name=first", "--name=victim"}, {},
+     [](const HostRoot& root) {
+       for (const char* pipe : {"/usr/libexec/bootstrand/plugins/p.json", "/q.so", "/r"})
+         ASSERT_EQ(mkfifo(root.Path(pipe).c_str(), 0644), 0);
+     },
+     [](const HostRoot& root, const RunResult& run) {
+       EXPECT_EQ(run.err, "Skipping /dev/null: unknown type\nSkipping /q.so: not a regular file\n"
+                          "Skipping /r: unknown type\n"
+                          "Skipping /usr/libexec/bootstrand/plugins/p.json: not a regular file\n");
 #ifdef BOOTSTRAND_LINT_BINARY
-  RunResult lint = RunProgram(BOOTSTRAND_LINT_BINARY, root, {"/q.so"}, {}, 20);
-  EXPECT_EQ(lint.exitStatus, 0);
-  EXPECT_EQ(lint.out.substr(0, lint.out.find('\n')), "Skipping /q.so: not a regular file");
+       RunResult lint = RunProgram(BOOTSTRAND_LINT_BINARY, root, {"/q.so"}, {}, 20);
+       EXPECT_EQ(lint.exitStatus, 0);
+       EXPECT_EQ(lint.out.substr(0, lint.out.find('\n')), "Skipping /q.so: not a regular file");
 #endif
+     }},
+    {"CommandFolderMissing", "network up", {}, {}, kAllFailed,
+     [](const HostRoot& root) { std::filesystem::remove_all(root.Path("/usr/lib/tessary/cormcli")); }, UnknownCommand},
+    {"CommandFolderIsAFile", "network up", {}, {}, kAllFailed,
+     [](const HostRoot& root) { Unusable(root, "/usr/lib/tessary/cormcli", false); }, UnknownCommand},
+    // Standard input is /dev/null: every prompt reads end of input, which continues.
+    {"InteractiveModeWithoutInput", "mark --name first", {"--interactive", "--max-workers", "1"}, kAll, {}},
+};
+
+class Faults : public ::testing::TestWithParam<Fault> {};
+
+TEST_P(Faults, TheBootEndsAndTheOtherPluginsRun) {
+  const Fault& fault = GetParam();
+  HostRoot root;
+  root.WritePlugin("victim.json", JsonPlugin({"v"}, {}, {fault.victim, "mark --name victim"}, {{"run_once", true}}));
+  root.WritePlugin("after.json", JsonPlugin({"a"}, {"v"}, {"mark --name after"}));
+  root.WritePlugin("other.json", JsonPlugin({"o"}, {}, {"mark --name other"}));
+  if (fault.arrange) fault.arrange(root);
+  RunResult run = fault.shell == nullptr
+                      ? RunBootstrand(root, fault.arguments, {}, 30)
+                      : RunProgram("/bin/sh", root, {"-c", fault.shell, BOOTSTRAND_BINARY}, {}, 30);
+  if (fault.check) fault.check(root, run);
+  EXPECT_FALSE(run.timedOut);
+  EXPECT_EQ(run.exitStatus, 0) << run.err;
+  Lines marks = root.Marks();
+  Lines alerts = root.Channel("alert");
+  std::sort(marks.begin(), marks.end());
+  std::sort(alerts.begin(), alerts.end());
+  EXPECT_EQ(marks, fault.marks);
+  EXPECT_EQ(alerts, fault.alerts);
 }
 
-TEST_F(Faults, MissingOrUnusableCommandFoldersFailEachCommandClearly) {
-  for (bool asFile : {false, true}) {
-    HostRoot fresh;
-    std::filesystem::remove_all(fresh.Path("/usr/lib/tessary/cormcli"));
-    if (asFile) fresh.WriteFile("/usr/lib/tessary/cormcli", "not a folder\n");
-    fresh.WritePlugin("a.json", JsonPlugin({"a"}, {}, {"network up"}));
-    fresh.WritePlugin("b.json", JsonPlugin({"b"}, {"a"}, {"network down"}));
-    RunResult run = RunBootstrand(fresh, {});
-    ASSERT_EQ(run.exitStatus, 0) << run.err;
-    EXPECT_EQ(fresh.Channel("alert"), (std::vector<std::string>{"Bootstrand plugin a activation failed.",
-                                                                "Bootstrand plugin b activation failed."}));
-    std::string log = fresh.ReadFile("/var/log/bootstrand-cormcli-stdout.log");
-    EXPECT_NE(log.find("a: Unknown command 'network up'"), std::string::npos) << log;
-  }
-}
-
-TEST_F(Faults, InteractiveModeWithoutInputContinuesEveryPlugin) {
-  WriteVictimAndNeighbours("mark --name first");
-  RunResult run = RunBootstrand(root, {"--interactive", "--max-workers", "1"}, {}, 30);
-  ASSERT_FALSE(run.timedOut);
-  ASSERT_EQ(run.exitStatus, 0) << run.err;
-  std::vector<std::string> order = Order();
-  EXPECT_EQ(order.size(), 4u);
-  EXPECT_GE(IndexOf(order, "--name=after"), 0);
-  EXPECT_TRUE(root.Channel("alert").empty());
-}
+INSTANTIATE_TEST_SUITE_P(, Faults, ::testing::ValuesIn(kFaults),
+                         [](const ::testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace bootstrand::testing

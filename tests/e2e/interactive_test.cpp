@@ -1,5 +1,6 @@
-// Interactive activation through a real pseudo-terminal: the operator skips the
-// first plugin, lets the second run and is asked no more.
+// Interactive activation through a real pseudo-terminal that is also the console:
+// the operator skips the first plugin, executes the second and lets the rest run
+// without being asked again.
 #include <gtest/gtest.h>
 
 #include <pty.h>
@@ -15,19 +16,12 @@
 namespace bootstrand::testing {
 namespace {
 
-// Reads from the terminal until `text` has appeared after `from`.
-bool ReadUntilText(int terminal, std::string& output, const std::string& text, std::size_t from = 0) {
-  ReadUntil(terminal, output, Clock::now() + std::chrono::seconds(20),
-            [&](const std::string& so_far) { return so_far.find(text, from) != std::string::npos; });
-  return output.find(text, from) != std::string::npos;
-}
-
-TEST(Interactive, TheOperatorSkipsOnePluginThenContinues) {
+TEST(Interactive, TheOperatorSkipsExecutesThenContinues) {
   HostRoot root;
-  root.WriteCommand("mark", "echo \"$*\" >> \"$BOOTSTRAND_ROOT/order.log\"");
   root.WritePlugin("a.json", JsonPlugin({"a"}, {}, {"mark --name a"}));
   root.WritePlugin("b.json", JsonPlugin({"b"}, {"a"}, {"mark --name b"}));
-
+  root.WritePlugin("c-with-a-long-name.json", JsonPlugin({"c"}, {"b"}, {"mark --name c"}));
+  root.WritePlugin("d.json", JsonPlugin({"d"}, {"c"}, {"mark --name d"}));
   int terminal = -1;
   pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
   ASSERT_GE(child, 0);
@@ -35,34 +29,47 @@ TEST(Interactive, TheOperatorSkipsOnePluginThenContinues) {
     setenv("BOOTSTRAND_ROOT", root.Root().c_str(), 1);
     setenv("BOOTSTRAND_MAIN_MEMORY", "17179869184", 1);
     setenv("BOOTSTRAND_CONSOLE", "/dev/null", 1);
-    execl(BOOTSTRAND_BINARY, BOOTSTRAND_BINARY, "--interactive", "--plugin", "a.json,b.json", nullptr);
+    setenv("BOOTSTRAND_CHANNELS", (std::string("files,console=") + ttyname(STDIN_FILENO)).c_str(), 1);
+    execl(BOOTSTRAND_BINARY, BOOTSTRAND_BINARY, "--interactive", "--plugin",
+          "a.json,b.json,c-with-a-long-name.json,d.json", nullptr);
     _exit(127);
   }
+  // Each prompt ends by hiding the cursor until the key comes.
+  const std::string kHideCursor = "\x1b[?25l";
   std::string output;
-  bool prompted = ReadUntilText(terminal, output, "\x1b[36ma\x1b[0m: ");
-  prompted = prompted && ReadUntilText(terminal, output, "\x1b[?25l");
-  if (prompted) prompted = write(terminal, "s", 1) == 1;
-  std::size_t afterFirst = output.size();
-  prompted = prompted && ReadUntilText(terminal, output, "\x1b[36mb\x1b[0m: ", afterFirst);
-  prompted = prompted && ReadUntilText(terminal, output, "\x1b[?25l", afterFirst);
-  if (prompted) prompted = write(terminal, "c", 1) == 1;
+  std::vector<std::size_t> prompts;
+  for (char key : std::string("sec")) {
+    std::size_t from = output.size();
+    auto prompted = [&](const std::string& so_far) { return so_far.find(kHideCursor, from) != std::string::npos; };
+    ReadUntil(terminal, output, Clock::now() + std::chrono::seconds(20), prompted);
+    if (!prompted(output) || write(terminal, &key, 1) != 1) break;
+    prompts.push_back(output.find(kHideCursor, from));
+  }
   ReadToEnd(terminal, output, Clock::now() + std::chrono::seconds(20));
-  if (!prompted) kill(child, SIGKILL);
+  if (prompts.size() < 3) kill(child, SIGKILL);
   int status = 0;
   waitpid(child, &status, 0);
   close(terminal);
-  ASSERT_TRUE(prompted) << output;
+  ASSERT_EQ(prompts.size(), 3u) << output;
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 
-  // a was passed over by the worker layer, then finished as a success; b ran.
-  EXPECT_EQ(root.Lines("/order.log"), std::vector<std::string>{"--name=b"});
+  // a was passed over by the worker layer, then finished as a success; the others ran,
+  // d without a prompt.
+  EXPECT_EQ(root.Marks(), (std::vector<std::string>{"--name=b", "--name=c", "--name=d"}));
   std::vector<std::string> kernel = root.Channel("kernel");
-  int skipped = IndexOf(kernel, "Bootstrand plugin a skipped.");
-  int finished = IndexOf(kernel, "Bootstrand plugin a activated.");
-  EXPECT_GE(skipped, 0);
-  EXPECT_GT(finished, skipped);
-  EXPECT_GE(IndexOf(kernel, "Bootstrand plugin b activated."), 0);
-  EXPECT_EQ(output.find("\x1b[36mend-autoconf"), std::string::npos);  // not a plugin here
+  EXPECT_GT(IndexOf(kernel, "Bootstrand plugin a activated."), IndexOf(kernel, "Bootstrand plugin a skipped."));
+  EXPECT_GE(IndexOf(kernel, "Bootstrand plugin a skipped."), 0);
+  EXPECT_EQ(output.find(kHideCursor, prompts.back() + 1), std::string::npos) << output;
+  // The first prompt whole, and the line redrawn with the answer.
+  EXPECT_NE(output.find("\x1b[36ma\x1b[0m: \x1b[35m(c)ontinue\x1b[0m \x1b[32m(e)xecute\x1b[0m "
+                        "\x1b[33m(t)roubleshoot\x1b[0m \x1b[31m(s)kip\x1b[0m\x1b[?25l\r"
+                        "\x1b[36ma\x1b[0m: \x1b[37m(c)ontinue\x1b[0m \x1b[37m(e)xecute\x1b[0m "
+                        "\x1b[37m(t)roubleshoot\x1b[0m \x1b[31m(s)kip\x1b[0m\x1b[?25h\r\n"),
+            std::string::npos)
+      << output;
+  // The prompt starts on a clean line of the console that shows the live line.
+  EXPECT_NE(output.find("[1/4] activating: b\r\x1b[K\x1b[36mc-with-a-long-name\x1b[0m: "), std::string::npos)
+      << output;
 }
 
 }  // namespace

@@ -11,57 +11,50 @@
 namespace bootstrand::testing {
 namespace {
 
+using nlohmann::json;
+
 const std::string kFirst = "/usr/libexec/bootstrand/plugins/";
 
-struct LintRun : RunResult {
-  nlohmann::json Json() const { return nlohmann::json::parse(out); }
-};
-
-LintRun RunLint(const HostRoot& root, const std::vector<std::string>& arguments) {
-  return {RunProgram(BOOTSTRAND_LINT_BINARY, root, arguments)};
-}
-
-nlohmann::json Preemptive() { return {{"version", 5}, {"run_once", false}, {"preemptive_provider", true}}; }
-
-// The plugins that the activator handed to a worker, in order.
-std::vector<std::string> Activated(const HostRoot& root) {
-  std::vector<std::string> names;
-  const std::string prefix = "Activating Bootstrand plugin ";
-  for (const std::string& line : root.Channel("kernel")) {
-    if (line.rfind(prefix, 0) == 0) names.push_back(line.substr(prefix.size(), line.size() - prefix.size() - 1));
-  }
-  return names;
-}
-
-// The plugins of every wave that need a worker, in order.
-std::vector<std::string> WaveOrder(const nlohmann::json& report) {
-  std::vector<std::string> names;
-  for (const nlohmann::json& wave : report["waves"]) {
-    for (const nlohmann::json& name : wave["run"]) names.push_back(name);
-  }
-  return names;
-}
+json Preemptive() { return {{"version", 5}, {"run_once", false}, {"preemptive_provider", true}}; }
 
 // Runs the linter and checks that it created, removed and emptied nothing in the
 // root: no run-once marker, no channel sink, no log.
-LintRun LintIn(const HostRoot& root, const std::vector<std::string>& arguments) {
+RunResult Lint(const HostRoot& root, const std::vector<std::string>& arguments) {
   root.WriteFile("/.runonce", "bootstrand.run-once=earlier-boot");
   auto before = Snapshot(root.Root());
-  LintRun run = RunLint(root, arguments);
+  RunResult run = RunProgram(BOOTSTRAND_LINT_BINARY, root, arguments);
   EXPECT_EQ(Snapshot(root.Root()), before);
   EXPECT_EQ(root.ReadFile("/.runonce"), "bootstrand.run-once=earlier-boot");
   return run;
 }
 
-void CopyTestPlugin(const HostRoot& root, const std::string& file) {
-  std::filesystem::copy_file(std::string(BOOTSTRAND_TEST_PLUGIN_DIR) + "/" + file, root.Path(kFirst + file));
+// The linter's order with one worker, the plugins of every wave that need a worker,
+// against the order in which a serial boot of the activator handed them to workers.
+void ExpectTheActivatorsSerialOrder(const HostRoot& root, const std::string& disable = "") {
+  std::vector<std::string> lint = {"--json", "--workers", "1"}, boot = {"--max-workers", "1"};
+  if (!disable.empty()) {
+    lint.push_back("--disable=" + disable);
+    boot.push_back("--disable=" + disable);
+  }
+  std::vector<std::string> waves;
+  json report = json::parse(Lint(root, lint).out);
+  for (const json& wave : report["waves"]) {
+    for (const json& name : wave["run"]) waves.push_back(name);
+  }
+  std::filesystem::remove_all(root.Path("/var/run/trove"));
+  ASSERT_EQ(RunBootstrand(root, boot).exitStatus, 0);
+  std::vector<std::string> activated;
+  const std::string prefix = "Activating Bootstrand plugin ";
+  for (const std::string& line : root.Channel("kernel")) {
+    if (line.starts_with(prefix)) activated.push_back(line.substr(prefix.size(), line.size() - prefix.size() - 1));
+  }
+  EXPECT_EQ(waves, activated);
 }
 
 TEST(Lint, ReportsTheExampleTreeInWaves) {
   HostRoot root;
-  std::filesystem::copy(std::string(BOOTSTRAND_EXAMPLES_DIR) + "/tree", root.Root(),
-                        std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing);
-  LintRun run = LintIn(root, {});
+  root.CopyExampleTree();
+  RunResult run = Lint(root, {});
   EXPECT_EQ(run.exitStatus, 0);
   EXPECT_EQ(run.err, "");
   EXPECT_EQ(run.out,
@@ -75,20 +68,13 @@ TEST(Lint, ReportsTheExampleTreeInWaves) {
             "  wave 6: 80-management-agent\n"
             "  wave 7: end-autoconf\n"
             "14 plugins, 0 stops, 0 warnings: boot would complete in 7 waves\n");
-
   // One worker: the waves are the activator's own order, with plugins passed over
   // (here disabled) settled while the worker runs.
-  for (const std::vector<std::string>& disable : {std::vector<std::string>{}, {"--disable", "30-dhcp,remote-syslog"}}) {
-    std::vector<std::string> arguments = {"--json", "--workers", "1"};
-    arguments.insert(arguments.end(), disable.begin(), disable.end());
-    nlohmann::json report = LintIn(root, arguments).Json();
-    std::filesystem::remove_all(root.Path("/var/run"));
-    arguments = {"--max-workers", "1"};
-    arguments.insert(arguments.end(), disable.begin(), disable.end());
-    ASSERT_EQ(RunBootstrand(root, arguments).exitStatus, 0);
-    EXPECT_EQ(WaveOrder(report), Activated(root));
-    EXPECT_EQ(WaveOrder(report).size(), disable.empty() ? 13u : 12u);
-  }
+  ExpectTheActivatorsSerialOrder(root);
+  ExpectTheActivatorsSerialOrder(root, "30-dhcp,remote-syslog");
+  // Without the preemptive provider the static address runs.
+  EXPECT_GE(IndexOf(root.Channel("kernel"), "Bootstrand plugin 30-static-ip activated."), 0);
+  EXPECT_TRUE(root.Channel("alert").empty());
 }
 
 TEST(Lint, ReportsSkippedFilesWithTheActivatorsMessages) {
@@ -97,135 +83,100 @@ TEST(Lint, ReportsSkippedFilesWithTheActivatorsMessages) {
   root.WriteFile(kFirst + "broken.json", "{ nope");
   root.WritePlugin("future.json", JsonPlugin({"x"}, {}, {}, {{"version", 6}}));
   root.WritePlugin("typo.json", JsonPlugin({"x"}, {}, {}, {{"requires", "net"}}));
-  CopyTestPlugin(root, "version6.so");
-  CopyTestPlugin(root, "no_metadata.so");
-  CopyTestPlugin(root, "api5.so");
-  LintRun run = LintIn(root, {"--json"});
+  for (const char* plugin : {"version6.so", "no_metadata.so", "api5.so"}) root.CopyTestPlugin(plugin);
+  RunResult run = Lint(root, {"--json"});
   EXPECT_EQ(run.exitStatus, 0);
-  nlohmann::json report = run.Json();
+  json report = json::parse(run.out);
   EXPECT_EQ(report["plugins"], 2);  // end-autoconf and api5
-  std::string messages;
-  for (const nlohmann::json& skipped : report["skipped_files"])
-    messages += skipped["message"].get<std::string>() + "\n";
-  EXPECT_EQ(report["skipped_files"][0], (nlohmann::json{{"path", kFirst + "README"},
-                                                        {"reason", "unknown type"},
-                                                        {"message", "Skipping " + kFirst + "README: unknown type"}}));
-
+  ASSERT_EQ(report["skipped_files"].size(), 6u);
+  EXPECT_EQ(report["skipped_files"][0], (json{{"path", kFirst + "README"},
+                                              {"reason", "unknown type"},
+                                              {"message", "Skipping " + kFirst + "README: unknown type"}}));
   // The same lines, in the same order, as the activator prints when it loads them.
-  RunResult activator = RunBootstrand(root, {"--tags"});
-  EXPECT_EQ(messages, activator.err);
-  EXPECT_EQ(report["skipped_files"].size(), 6u);
-  EXPECT_EQ(LintIn(root, {}).out.substr(0, messages.size()), messages);
+  std::string messages;
+  for (const json& skipped : report["skipped_files"]) messages += skipped["message"].get<std::string>() + "\n";
+  EXPECT_EQ(messages, RunBootstrand(root, {"--tags"}).err);
+  EXPECT_EQ(Lint(root, {}).out.substr(0, messages.size()), messages);
 }
 
-// Trees that deadlock the activator, and what the linter says stops them.
-struct StopCase {
-  const char* name;
-  std::vector<std::pair<std::string, nlohmann::json>> plugins;
-  nlohmann::json stops;
-  const char* line;  // the first line of the text report
-};
-
+// One tree with every way to deadlock the activator: a cycle and a plugin waiting on
+// it, a preemptive provider waiting for the rival it holds back, a plugin requiring
+// its own tag, a JSON plugin requiring the JSON kind tag, and two preemptive
+// providers of one tag.
 TEST(Lint, ReportsWhatWouldStopABoot) {
-  const std::vector<StopCase> cases = {
-      {"cycle, and the plugins waiting on it",
-       {{"a.json", JsonPlugin({"ta"}, {"tc"}, {})},
-        {"b.json", JsonPlugin({"tb"}, {"ta"}, {})},
-        {"c.json", JsonPlugin({"tc"}, {"tb"}, {})},
-        {"d.json", JsonPlugin({"td"}, {"tb"}, {})},
-        {"e.json", JsonPlugin({"te"}, {}, {})}},
-       {{{"kind", "cycle"},
-         {"plugins", {"a", "b", "c"}},
-         {"cycle",
-          {{{"plugin", "a"}, {"waits_for", "c"}, {"tag", "tc"}, {"held_back", false}},
-           {{"plugin", "c"}, {"waits_for", "b"}, {"tag", "tb"}, {"held_back", false}},
-           {{"plugin", "b"}, {"waits_for", "a"}, {"tag", "ta"}, {"held_back", false}}}}},
-        {{"kind", "blocked"}, {"plugins", {"end-autoconf", "d"}}}},
-       "stop: dependency cycle a -> c -> b -> a (a requires \"tc\" from c; c requires \"tb\" from b; b requires \"ta\" "
-       "from a)"},
-      {"a preemptive provider waiting for the rival it holds back",
-       {{"dhcp.json", JsonPlugin({"ip"}, {"link"}, {}, Preemptive())},
-        {"link.json", JsonPlugin({"ip", "link"}, {}, {})}},
-       {{{"kind", "cycle"},
-         {"plugins", {"dhcp", "link"}},
-         {"cycle",
-          {{{"plugin", "dhcp"}, {"waits_for", "link"}, {"tag", "link"}, {"held_back", false}},
-           {{"plugin", "link"}, {"waits_for", "dhcp"}, {"tag", "ip"}, {"held_back", true}}}}},
-        {{"kind", "blocked"}, {"plugins", {"end-autoconf"}}}},
-       "stop: dependency cycle dhcp -> link -> dhcp (dhcp requires \"link\" from link; link is held back by dhcp, a "
-       "preemptive provider of \"ip\")"},
-      {"a plugin requiring its own tag",
-       {{"loop.json", JsonPlugin({"loop", "other"}, {"loop", "other", "net"}, {})},
-        {"net.json", JsonPlugin({"net"}, {}, {})}},
-       {{{"kind", "self_requirement"}, {"plugin", "loop"}, {"tags", {"loop", "other"}}},
-        {{"kind", "blocked"}, {"plugins", {"end-autoconf"}}}},
-       "stop: plugin loop requires \"loop\", \"other\", which it provides itself"},
-      {"a JSON plugin requiring the JSON kind tag",
-       {{"last.json", JsonPlugin({}, {"json plugins"}, {})}},
-       {{{"kind", "self_requirement"}, {"plugin", "last"}, {"tags", {"json plugins"}}},
-        {{"kind", "blocked"}, {"plugins", {"end-autoconf"}}}},
-       "stop: plugin last requires \"json plugins\", which it provides itself"},
-      {"two preemptive providers of one tag",
-       {{"dhcp.json", JsonPlugin({"ip"}, {}, {}, Preemptive())},
-        {"static.json", JsonPlugin({"ip"}, {}, {})},
-        {"zeroconf.json", JsonPlugin({"ip", "mdns"}, {}, {}, Preemptive())}},
-       {{{"kind", "preemptive_conflict"}, {"tag", "ip"}, {"plugins", {"dhcp", "zeroconf"}}},
-        {{"kind", "blocked"}, {"plugins", {"end-autoconf", "static"}}}},
-       "stop: preemptive providers dhcp, zeroconf share the tag \"ip\" and hold each other back"},
-  };
-  for (const StopCase& each : cases) {
-    SCOPED_TRACE(each.name);
-    HostRoot root;
-    for (const auto& [file, plugin] : each.plugins) root.WritePlugin(file, plugin);
-    LintRun json = LintIn(root, {"--json"});
-    EXPECT_EQ(json.exitStatus, 1);
-    EXPECT_EQ(json.Json()["stops"], each.stops);
-    EXPECT_FALSE(json.Json()["boot_completes"].get<bool>());
-    LintRun text = LintIn(root, {});
-    EXPECT_EQ(text.exitStatus, 1);
-    EXPECT_EQ(text.out.substr(0, text.out.find('\n')), each.line);
-    EXPECT_EQ(RunBootstrand(root, {}).exitStatus, kUnmetDependenciesStatus);
+  HostRoot root;
+  const std::vector<std::tuple<const char*, std::vector<std::string>, std::vector<std::string>, json>> plugins = {
+      {"a", {"ta"}, {"tc"}, {}}, {"b", {"tb"}, {"ta"}, {}}, {"c", {"tc"}, {"tb"}, {}}, {"d", {"td"}, {"tb"}, {}},
+      {"dhcp", {"ip"}, {"link"}, Preemptive()}, {"link", {"ip", "link"}, {}, {}},
+      {"loop", {"loop", "other"}, {"loop", "other", "net"}, {}}, {"net", {"net"}, {}, {}},
+      {"last", {}, {"json plugins"}, {}},
+      {"p1", {"addr"}, {}, Preemptive()}, {"static", {"addr"}, {}, {}},
+      {"zeroconf", {"addr", "mdns"}, {}, Preemptive()}};
+  for (const auto& [name, provides, requires_, metadata] : plugins) {
+    root.WritePlugin(name + std::string(".json"), JsonPlugin(provides, requires_, {}, metadata));
   }
+  RunResult run = Lint(root, {"--json"});
+  EXPECT_EQ(run.exitStatus, 1);
+  json report = json::parse(run.out);
+  EXPECT_FALSE(report["boot_completes"].get<bool>());
+  EXPECT_EQ(report["stops"], json::parse(R"([
+      {"kind": "cycle", "plugins": ["a", "b", "c"], "cycle": [
+          {"plugin": "a", "waits_for": "c", "tag": "tc", "held_back": false},
+          {"plugin": "c", "waits_for": "b", "tag": "tb", "held_back": false},
+          {"plugin": "b", "waits_for": "a", "tag": "ta", "held_back": false}]},
+      {"kind": "cycle", "plugins": ["dhcp", "link"], "cycle": [
+          {"plugin": "dhcp", "waits_for": "link", "tag": "link", "held_back": false},
+          {"plugin": "link", "waits_for": "dhcp", "tag": "ip", "held_back": true}]},
+      {"kind": "self_requirement", "plugin": "last", "tags": ["json plugins"]},
+      {"kind": "self_requirement", "plugin": "loop", "tags": ["loop", "other"]},
+      {"kind": "preemptive_conflict", "tag": "addr", "plugins": ["p1", "zeroconf"]},
+      {"kind": "blocked", "plugins": ["end-autoconf", "d", "static"]}])"));
+  run = Lint(root, {});
+  EXPECT_EQ(run.exitStatus, 1);
+  EXPECT_EQ(run.out,
+            "stop: dependency cycle a -> c -> b -> a (a requires \"tc\" from c; c requires \"tb\" from b; b requires "
+            "\"ta\" from a)\n"
+            "stop: dependency cycle dhcp -> link -> dhcp (dhcp requires \"link\" from link; link is held back by dhcp, "
+            "a preemptive provider of \"ip\")\n"
+            "stop: plugin last requires \"json plugins\", which it provides itself\n"
+            "stop: plugin loop requires \"loop\", \"other\", which it provides itself\n"
+            "stop: preemptive providers p1, zeroconf share the tag \"addr\" and hold each other back\n"
+            "stop: 3 plugins would never start, waiting on the above: end-autoconf, d, static\n"
+            "activation order, no worker limit:\n"
+            "  wave 1: passed over: net\n"
+            "13 plugins, 6 stops, 0 warnings: boot would stop after 1 wave\n");
+  EXPECT_EQ(RunBootstrand(root, {}).exitStatus, kUnmetDependenciesStatus);
 }
 
 TEST(Lint, ReportsWhatLooksWrongWithoutStoppingTheBoot) {
   HostRoot root;
-  nlohmann::json runOnce = {{"version", 3}, {"run_once", true}};
   root.WritePlugin("app.json", JsonPlugin({"frontend"}, {"net", "missing-tag"}, {"ok"}));
   root.WritePlugin("cert.json",
                    JsonPlugin({"cert"}, {}, {"ok"}, {{"version", 3}, {"run_once", true}, {"plugin_version", "2"}}));
   root.WritePlugin("dhcp.json", JsonPlugin({"ip"}, {}, {"ok"}, Preemptive()));
-  root.WritePlugin("keys.json", JsonPlugin({"keys"}, {}, {"ok"}, runOnce));
+  root.WritePlugin("keys.json", JsonPlugin({"keys"}, {}, {"ok"}, {{"version", 3}, {"run_once", true}}));
   root.WritePlugin("log1.json", JsonPlugin({"syslog"}, {}, {"ok"}));
   root.WritePlugin("log2.json", JsonPlugin({"syslog"}, {}, {"ok"}));
   root.WritePlugin("net.json", JsonPlugin({"net"}, {"missing-tag", "native plugins"}, {"ok"}));
   root.WritePlugin("static.json", JsonPlugin({"ip"}, {}, {"ok"}));
-  LintRun run = LintIn(root, {"--json", "--workers", "2", "--disable", "cert2,app", "--disable=syslog,dhcp,ghost"});
+  RunResult run = Lint(root, {"--json", "--workers", "2", "--disable", "cert2,app", "--disable=syslog,dhcp,ghost"});
   EXPECT_EQ(run.exitStatus, 0);
-  nlohmann::json report = run.Json();
-  EXPECT_EQ(report["stops"], nlohmann::json::array());
-  EXPECT_EQ(report["warnings"],
-            (nlohmann::json{
-                {{"kind", "unprovided_tag"}, {"tag", "missing-tag"}, {"plugins", {"app", "net"}}},
-                {{"kind", "shared_tag"}, {"tag", "syslog"}, {"plugins", {"log1", "log2"}}},
-                {{"kind", "run_once_without_version"}, {"plugin", "keys"}},
-                {{"kind", "disabled"}, {"plugin", "app"}, {"by", {{{"entry", "app"}, {"as", "name"}}}}},
-                {{"kind", "disabled"}, {"plugin", "cert"}, {"by", {{{"entry", "cert2"}, {"as", "run-once key"}}}}},
-                {{"kind", "disabled"}, {"plugin", "dhcp"}, {"by", {{{"entry", "dhcp"}, {"as", "name"}}}}},
-                {{"kind", "disabled"}, {"plugin", "log1"}, {"by", {{{"entry", "syslog"}, {"as", "tag"}}}}},
-                {{"kind", "disabled"}, {"plugin", "log2"}, {"by", {{{"entry", "syslog"}, {"as", "tag"}}}}},
-                {{"kind", "unmatched_disable"}, {"entry", "ghost"}},
-            }));
+  json report = json::parse(run.out);
+  EXPECT_EQ(report["stops"], json::array());
+  EXPECT_EQ(report["warnings"], json::parse(R"([
+      {"kind": "unprovided_tag", "tag": "missing-tag", "plugins": ["app", "net"]},
+      {"kind": "shared_tag", "tag": "syslog", "plugins": ["log1", "log2"]},
+      {"kind": "run_once_without_version", "plugin": "keys"},
+      {"kind": "disabled", "plugin": "app", "by": [{"entry": "app", "as": "name"}]},
+      {"kind": "disabled", "plugin": "cert", "by": [{"entry": "cert2", "as": "run-once key"}]},
+      {"kind": "disabled", "plugin": "dhcp", "by": [{"entry": "dhcp", "as": "name"}]},
+      {"kind": "disabled", "plugin": "log1", "by": [{"entry": "syslog", "as": "tag"}]},
+      {"kind": "disabled", "plugin": "log2", "by": [{"entry": "syslog", "as": "tag"}]},
+      {"kind": "unmatched_disable", "entry": "ghost"}])"));
+  EXPECT_EQ(report["preempted"], json::array());
   // Disabled plugins are passed over without a worker; the disabled preemptive
   // provider holds its rival back until then, and preempts nobody.
-  EXPECT_EQ(report["waves"], (nlohmann::json{
-                                 {{"run", {"keys", "net"}}, {"passed_over", {"cert", "dhcp", "log1", "log2"}}},
-                                 {{"run", {"static"}}, {"passed_over", {"app"}}},
-                                 {{"run", {"end-autoconf"}}, {"passed_over", nlohmann::json::array()}},
-                             }));
-  EXPECT_EQ(report["preempted"], nlohmann::json::array());
-
-  EXPECT_EQ(LintIn(root, {"--workers=2", "--disable", "cert2,app,syslog,dhcp,ghost"}).out,
+  EXPECT_EQ(Lint(root, {"--workers=2", "--disable", "cert2,app,syslog,dhcp,ghost"}).out,
             "warning: tag \"missing-tag\" is required by app, net but no plugin provides it\n"
             "warning: tag \"syslog\" is provided by log1, log2, none of them preemptive\n"
             "warning: run-once plugin keys has no plugin version, so its run-once key is its name alone\n"
@@ -245,43 +196,30 @@ TEST(Lint, ReportsWhatLooksWrongWithoutStoppingTheBoot) {
 TEST(Lint, SplitsWavesByWorkerCountAndDropsPreemptedRivals) {
   HostRoot root;
   root.WriteCommand("ok", "sleep 0.05");
-  for (const char* name : {"a1", "a2", "a3", "a4"})
-    root.WritePlugin(std::string(name) + ".json", JsonPlugin({name}, {}, {"ok"}));
+  for (const char* name : {"a1", "a2", "a3", "a4"}) {
+    root.WritePlugin(name + std::string(".json"), JsonPlugin({name}, {}, {"ok"}));
+  }
   root.WritePlugin("after.json", JsonPlugin({"after"}, {"time"}, {"ok"}));
   root.WritePlugin("ntp.json", JsonPlugin({"time"}, {}, {"ok"}));
-  CopyTestPlugin(root, "api3.so");  // a run-once provider of "time" with a version
-  CopyTestPlugin(root, "api5.so");  // the preemptive provider of "time"
+  root.CopyTestPlugin("api3.so");  // a run-once provider of "time" with a version
+  root.CopyTestPlugin("api5.so");  // the preemptive provider of "time"
 
-  nlohmann::json report = LintIn(root, {"--json", "--workers", "2"}).Json();
-  EXPECT_EQ(report["workers"], 2);
-  EXPECT_EQ(report["warnings"], nlohmann::json::array());
-  nlohmann::json none = nlohmann::json::array();
-  EXPECT_EQ(report["waves"], (nlohmann::json{
-                                 {{"run", {"a1", "a2"}}, {"passed_over", none}},
-                                 {{"run", {"a3", "a4"}}, {"passed_over", none}},
-                                 {{"run", {"api5"}}, {"passed_over", none}},
-                                 {{"run", {"after"}}, {"passed_over", none}},
-                                 {{"run", {"end-autoconf"}}, {"passed_over", none}},
-                             }));
-  EXPECT_EQ(report["preempted"], (nlohmann::json{{{"plugin", "api3"}, {"by", "api5"}, {"wave", 3}},
-                                                 {{"plugin", "ntp"}, {"by", "api5"}, {"wave", 3}}}));
-
-  LintRun unlimited = LintIn(root, {});
-  EXPECT_EQ(unlimited.exitStatus, 0);
-  EXPECT_EQ(unlimited.out,
-            "activation order, no worker limit:\n"
-            "  wave 1: a1, a2, a3, a4, api5\n"
-            "    api3 preempted by api5\n"
-            "    ntp preempted by api5\n"
-            "  wave 2: after\n"
-            "  wave 3: end-autoconf\n"
-            "9 plugins, 0 stops, 0 warnings: boot would complete in 3 waves\n");
-
-  nlohmann::json serial = LintIn(root, {"--json", "--workers", "1"}).Json();
-  ASSERT_EQ(RunBootstrand(root, {"--max-workers", "1"}).exitStatus, 0);
-  EXPECT_EQ(WaveOrder(serial), Activated(root));
+  RunResult run = Lint(root, {"--workers", "2"});
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_EQ(run.out,
+            "activation order, at most 2 workers:\n"
+            "  wave 1: a1, a2\n  wave 2: a3, a4\n"
+            "  wave 3: api5\n    api3 preempted by api5\n    ntp preempted by api5\n"
+            "  wave 4: after\n  wave 5: end-autoconf\n"
+            "9 plugins, 0 stops, 0 warnings: boot would complete in 5 waves\n");
+  EXPECT_EQ(json::parse(Lint(root, {"--json", "--workers", "2"}).out)["preempted"],
+            json::parse(R"([{"plugin": "api3", "by": "api5", "wave": 3},
+                            {"plugin": "ntp", "by": "api5", "wave": 3}])"));
+  ExpectTheActivatorsSerialOrder(root);
 }
 
+// Host paths, under the root; a bare name is looked up in the plugin directories; no
+// built-in plugin, as when the activator is given plugins.
 TEST(Lint, ReadsTheFilesAndDirectoriesItIsGiven) {
   HostRoot root;
   root.WriteFile("/opt/plugins/x.json", JsonPlugin({"x"}, {"y"}, {"ok"}).dump());
@@ -290,17 +228,11 @@ TEST(Lint, ReadsTheFilesAndDirectoriesItIsGiven) {
   root.WriteFile("/srv/y.json", JsonPlugin({"y"}, {}, {"ok"}).dump());
   root.WritePlugin("z.json", JsonPlugin({"z"}, {}, {"ok"}), 2);
   root.WritePlugin("-odd.json", JsonPlugin({"odd"}, {}, {"ok"}));
-
-  // Host paths, under the root; a bare name is looked up in the plugin directories;
-  // no built-in plugin, as when the activator is given plugins.
-  LintRun run = LintIn(root, {"--json", "/opt/plugins/", "/srv/y.json", "z.json", "--", "-odd.json"});
-  EXPECT_EQ(run.exitStatus, 0) << run.err;
-  nlohmann::json report = run.Json();
+  json report = json::parse(Lint(root, {"--json", "/opt/plugins/", "/srv/y.json", "z.json", "--", "-odd.json"}).out);
   EXPECT_EQ(report["plugins"], 4);
-  EXPECT_EQ(report["waves"], (nlohmann::json{{{"run", {"y", "-odd", "z"}}, {"passed_over", nlohmann::json::array()}},
-                                             {{"run", {"x"}}, {"passed_over", nlohmann::json::array()}}}));
-
-  LintRun missing = LintIn(root, {"/srv/y.json", "/nowhere.json"});
+  EXPECT_EQ(report["waves"], json::parse(R"([{"run": ["y", "-odd", "z"], "passed_over": []},
+                                             {"run": ["x"], "passed_over": []}])"));
+  RunResult missing = Lint(root, {"/srv/y.json", "/nowhere.json"});
   EXPECT_EQ(missing.exitStatus, 2);
   EXPECT_EQ(missing.out, "");
   EXPECT_EQ(missing.err.substr(0, missing.err.find('\n')),
@@ -309,25 +241,21 @@ TEST(Lint, ReadsTheFilesAndDirectoriesItIsGiven) {
 
 TEST(Lint, RejectsBadArgumentsWithStatus2) {
   HostRoot root;
-  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-      {{"--bogus"}, "unknown option --bogus"},
-      {{"-w", "2"}, "unknown option -w"},
-      {{"--workers"}, "missing value for --workers"},
-      {{"--workers", "many"}, "--workers needs a whole number of at least 1, not 'many'"},
-      {{"--workers=0"}, "--workers needs a whole number of at least 1, not '0'"},
-      {{"--workers", "-3"}, "--workers needs a whole number of at least 1, not '-3'"},
-      {{"--workers", "2x"}, "--workers needs a whole number of at least 1, not '2x'"},
-      {{"--workers", "99999999999"}, "--workers needs a whole number of at least 1, not '99999999999'"},
-      {{"--workers="}, "--workers needs a whole number of at least 1, not ''"},
-      {{"--json", "--disable"}, "missing value for --disable"},
-      {{""}, "an empty path names no plugin"},
-  };
-  std::string usage = LintIn(root, {"--help"}).out;
+  std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--bogus"}, "unknown option --bogus"}, {{"-w", "2"}, "unknown option -w"},
+      {{"--workers"}, "missing value for --workers"}, {{"--json", "--disable"}, "missing value for --disable"},
+      {{""}, "an empty path names no plugin"}};
+  for (const std::string value : {"many", "0", "-3", "2x", "99999999999", ""}) {
+    std::string message = "--workers needs a whole number of at least 1, not '" + value + "'";
+    cases.push_back({{"--workers=" + value}, message});
+    if (!value.empty()) cases.push_back({{"--workers", value}, message});
+  }
+  std::string usage = Lint(root, {"--help"}).out;
   EXPECT_EQ(usage.substr(0, usage.find('\n')),
             "usage: bootstrand-lint [--json] [--workers N] [--disable a,b] [PATH...]");
   for (const auto& [arguments, message] : cases) {
     SCOPED_TRACE(arguments.front());
-    LintRun run = LintIn(root, arguments);
+    RunResult run = Lint(root, arguments);
     EXPECT_EQ(run.exitStatus, 2);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, "bootstrand-lint: " + message + "\n" + usage);

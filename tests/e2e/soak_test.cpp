@@ -1,6 +1,7 @@
 // Many boots of the example tree in random orders with one to four workers. After
-// every boot each plugin has exactly one outcome, the timing log has one line per
-// plugin that ran, every process the boot started has ended by itself, and the
+// every boot each plugin has exactly one outcome, dependants started after their
+// providers ended, the timing log has one line per plugin that ran, the tree's
+// results are in place, every process the boot started has ended by itself, and the
 // commands saw no descriptor but their own.
 #include <gtest/gtest.h>
 
@@ -10,7 +11,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <map>
 #include <random>
 #include <regex>
@@ -23,14 +23,10 @@ namespace {
 
 constexpr int kBootsPerWorkerCount = 25;
 
-// Becomes a listing of its own descriptors, as "N -> target" at the end of each
-// line: what the command inherited, and the listing's own folder.
-const char* const kDescriptorProbe = "exec ls -l /proc/$$/fd > \"$BOOTSTRAND_ROOT/fds.log\"";
-
 // Reaps the processes that the boot left behind once they end, and reports whether
-// all of them ended within `patience`.
-bool LeftoversEnd(std::chrono::milliseconds patience) {
-  auto deadline = std::chrono::steady_clock::now() + patience;
+// all of them ended within five seconds.
+bool LeftoversEnd() {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   while (std::chrono::steady_clock::now() < deadline) {
     pid_t reaped = waitpid(-1, nullptr, WNOHANG);
     if (reaped < 0 && errno == ECHILD) return true;
@@ -39,43 +35,47 @@ bool LeftoversEnd(std::chrono::milliseconds patience) {
   return false;
 }
 
+// Processes orphaned by a boot become this process's children, so that the test
+// sees whether they end.
 class Soak : public ::testing::TestWithParam<int> {
  protected:
-  // Processes orphaned by a boot become this process's children, so that the
-  // test sees whether they end.
   void SetUp() override { ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); }
   void TearDown() override {
-    LeftoversEnd(std::chrono::seconds(5));
+    LeftoversEnd();
     prctl(PR_SET_CHILD_SUBREAPER, 0);
   }
 };
 
 TEST_P(Soak, EveryBootEndsCleanWithOneOutcomePerPlugin) {
-  const int workers = GetParam();
+  const std::string workers = std::to_string(GetParam());
   std::random_device entropy;
   const std::regex outcome("Bootstrand plugin (.+) (activated|activation failed|skipped|opportunistic skipped|"
                            "opportunistic activation failed)\\.");
   const std::regex timing("\\[.* - .*\\] sysboot: (.+)");
+  const std::regex descriptor(".* ([0-9]+) -> (.*)");
   for (int boot = 0; boot < kBootsPerWorkerCount; ++boot) {
     const std::string seed = std::to_string(entropy() % 2147483647u);
-    SCOPED_TRACE("--randomize " + seed + " --max-workers " + std::to_string(workers));
+    SCOPED_TRACE("--randomize " + seed + " --max-workers " + workers);
     HostRoot root;
-    std::filesystem::copy(std::string(BOOTSTRAND_EXAMPLES_DIR) + "/tree", root.Root(),
-                          std::filesystem::copy_options::recursive |
-                              std::filesystem::copy_options::overwrite_existing);
-    root.WriteCommand("probe fds", kDescriptorProbe);
+    root.CopyExampleTree();
+    // Lists its own descriptors, as "N -> target" at the end of each line: what the
+    // command inherited, and the listing's own folder.
+    root.WriteCommand("probe fds", "exec ls -l /proc/$$/fd > \"$BOOTSTRAND_ROOT/fds.log\"");
     root.WritePlugin("fd-probe.json", JsonPlugin({"probe"}, {}, {"probe fds"}));
 
-    RunResult run = RunBootstrand(root, {"--randomize", seed, "--max-workers", std::to_string(workers)});
+    RunResult run = RunBootstrand(root, {"--randomize", seed, "--max-workers", workers});
     ASSERT_EQ(run.exitStatus, 0) << run.err;
-    ASSERT_TRUE(LeftoversEnd(std::chrono::seconds(5))) << "a worker or command outlived the boot";
+    ASSERT_TRUE(LeftoversEnd()) << "a worker or command outlived the boot";
 
-    std::vector<std::string> messages = root.Channel("kernel");
-    for (const std::string& alert : root.Channel("alert")) messages.push_back(alert);
+    std::vector<std::string> kernel = root.Channel("kernel");
+    std::vector<std::string> alerts = root.Channel("alert");
+    EXPECT_EQ(alerts, std::vector<std::string>{"Bootstrand plugin 40-syslog-forward activation failed."});
     std::map<std::string, std::vector<std::string>> outcomes;
     std::smatch match;
-    for (const std::string& message : messages) {
-      if (std::regex_match(message, match, outcome)) outcomes[match[1]].push_back(match[2]);
+    for (const auto* channel : {&kernel, &alerts}) {
+      for (const std::string& message : *channel) {
+        if (std::regex_match(message, match, outcome)) outcomes[match[1]].push_back(match[2]);
+      }
     }
     std::map<std::string, int> timed;
     for (const std::string& line : root.Lines("/var/log/sysboot.log")) {
@@ -89,17 +89,27 @@ TEST_P(Soak, EveryBootEndsCleanWithOneOutcomePerPlugin) {
       // A preempted plugin never ran, so it has no timing line.
       EXPECT_EQ(timed[name], results[0] == "skipped" ? 0 : 1) << name;
     }
+    EXPECT_EQ(outcomes["30-static-ip"][0], "skipped");
+    for (const auto& [first, then] : {std::pair{"10-devices", "20-storage"}, {"30-dhcp", "40-firewall"},
+                                      {"restore-configuration", "70-vm-autostart"},
+                                      {"70-vm-autostart", "80-management-agent"},
+                                      {"80-management-agent", "end-autoconf"}}) {
+      EXPECT_LT(IndexOf(kernel, "Bootstrand plugin " + std::string(first) + " activated."),
+                IndexOf(kernel, "Activating Bootstrand plugin " + std::string(then) + "."));
+    }
+    EXPECT_EQ(root.ReadFile("/.runonce"), "bootstrand.run-once=50-host-keys1.2");
+    EXPECT_EQ(root.ReadFile("/var/run/example/ip-config"), "dhcp\n");
+    EXPECT_TRUE(root.Exists("/var/run/example/volume-scratch space"));
+    EXPECT_TRUE(root.Exists("/var/run/example/vms-started"));
 
     // Nothing beyond the standard streams was inherited.
-    const std::regex entry(".* ([0-9]+) -> (.*)");
-    const std::regex listing("/proc/[0-9]+/fd");
     std::map<int, std::string> descriptors;
     for (const std::string& line : root.Lines("/fds.log")) {
-      if (std::regex_match(line, match, entry)) descriptors[std::stoi(match[1])] = match[2];
+      if (std::regex_match(line, match, descriptor)) descriptors[std::stoi(match[1])] = match[2];
     }
     ASSERT_EQ(descriptors.count(2), 1u);
     for (const auto& [fd, target] : descriptors) {
-      EXPECT_TRUE(fd <= 2 || std::regex_match(target, listing)) << "descriptor " << fd << " leaked: " << target;
+      EXPECT_TRUE(fd <= 2 || std::regex_match(target, std::regex("/proc/[0-9]+/fd"))) << fd << " leaked: " << target;
     }
   }
 }

@@ -1,8 +1,8 @@
 #include "support/host_root.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,11 +11,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "support/read_until.h"
 
 extern char** environ;
 
@@ -24,21 +25,17 @@ namespace bootstrand::testing {
 namespace {
 
 const std::map<std::string, std::string> kChannelNodes = {
-    {"status", "system.progressTerm.statusText"},
-    {"alert", "system.sysAlert"},
-    {"progress", "system.progressTerm.progressText"},
-    {"kernel", "system.log"},
-};
+    {"status", "system.progressTerm.statusText"}, {"alert", "system.sysAlert"},
+    {"progress", "system.progressTerm.progressText"}, {"kernel", "system.log"}};
 
+// A sink record is one line: a backslash and "n" stand for a newline, a backslash and
+// any other character for that character.
 std::string Unescape(const std::string& record) {
   std::string text;
   for (std::size_t i = 0; i < record.size(); ++i) {
-    if (record[i] == '\\' && i + 1 < record.size()) {
-      text += record[i + 1] == 'n' ? '\n' : record[i + 1];
-      ++i;
-    } else {
-      text += record[i];
-    }
+    bool escaped = record[i] == '\\' && i + 1 < record.size();
+    char c = record[escaped ? ++i : i];
+    text += escaped && c == 'n' ? '\n' : c;
   }
   return text;
 }
@@ -52,6 +49,7 @@ HostRoot::HostRoot() {
   for (const char* directory : {"/var/log", "/usr/libexec/bootstrand/plugins", "/usr/lib/tessary/cormcli"}) {
     std::filesystem::create_directories(Path(directory));
   }
+  WriteCommand("mark", "echo \"$*\" >> \"$BOOTSTRAND_ROOT/order.log\"");
 }
 
 HostRoot::~HostRoot() {
@@ -62,17 +60,13 @@ HostRoot::~HostRoot() {
 void HostRoot::WriteFile(const std::string& hostPath, const std::string& contents, mode_t mode) const {
   std::string path = Path(hostPath);
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  {
-    std::ofstream file(path, std::ios::trunc);
-    file << contents;
-  }
+  std::ofstream(path, std::ios::trunc) << contents;
   chmod(path.c_str(), mode);
 }
 
 std::string HostRoot::ReadFile(const std::string& hostPath) const {
-  std::ifstream file(Path(hostPath));
-  std::stringstream contents;
-  contents << file.rdbuf();
+  std::ostringstream contents;
+  contents << std::ifstream(Path(hostPath)).rdbuf();
   return contents.str();
 }
 
@@ -83,6 +77,16 @@ std::vector<std::string> HostRoot::Lines(const std::string& hostPath) const {
   std::ifstream file(Path(hostPath));
   for (std::string line; std::getline(file, line);) lines.push_back(line);
   return lines;
+}
+
+void HostRoot::CopyExampleTree() const {
+  std::filesystem::copy(std::string(BOOTSTRAND_EXAMPLES_DIR) + "/tree", root_,
+                        std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing);
+}
+
+void HostRoot::CopyTestPlugin(const std::string& file) const {
+  std::filesystem::copy_file(std::string(BOOTSTRAND_TEST_PLUGIN_DIR) + "/" + file,
+                             Path("/usr/libexec/bootstrand/plugins/" + file));
 }
 
 void HostRoot::WritePlugin(const std::string& fileName, const nlohmann::json& plugin, int directory) const {
@@ -127,7 +131,7 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
   for (char** each = environ; *each != nullptr; ++each) {
     std::string entry(*each);
     std::size_t equals = entry.find('=');
-    if (equals != std::string::npos && entry.rfind("BOOTSTRAND_", 0) != 0) {
+    if (!entry.starts_with("BOOTSTRAND_") && equals != std::string::npos) {
       variables[entry.substr(0, equals)] = entry.substr(equals + 1);
     }
   }
@@ -135,24 +139,22 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
   for (const auto& [name, value] : environment) variables[name] = value;
   std::vector<std::string> entries;
   for (const auto& [name, value] : variables) entries.push_back(name + "=" + value);
-
-  std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+  std::vector<char*> argv = {const_cast<char*>(program.c_str())}, envp;
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  std::vector<char*> envp;
   for (std::string& entry : entries) envp.push_back(entry.data());
+  argv.push_back(nullptr);
   envp.push_back(nullptr);
 
+  // Standard output is a packet pipe, so that each write arrives as one read;
+  // standard error a memory file, read once the program has ended.
   int out[2];
-  int err[2];
-  // Standard output is a packet pipe, so that each write arrives as one read.
-  if (pipe2(out, O_CLOEXEC | O_DIRECT) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  int err = memfd_create("stderr", MFD_CLOEXEC);
+  if (pipe2(out, O_CLOEXEC | O_DIRECT) != 0 || err < 0) throw std::runtime_error("pipe failed");
   pid_t child = fork();
   if (child == 0) {
-    int null = open("/dev/null", O_RDONLY);
-    dup2(null, STDIN_FILENO);
+    dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
     dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
+    dup2(err, STDERR_FILENO);
     // A boot starts with nothing open beyond the standard streams.
     close_range(3, ~0U, 0);
     setpgid(0, 0);
@@ -160,43 +162,18 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
     _exit(127);
   }
   close(out[1]);
-  close(err[1]);
-
   RunResult result;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
-  pollfd entries2[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  int open = 2;
-  while (open > 0) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      result.timedOut = true;
-      kill(-child, SIGKILL);
-      break;
-    }
-    int ready = poll(entries2, 2, static_cast<int>(left.count()));
-    if (ready < 0 && errno == EINTR) continue;
-    for (pollfd& entry : entries2) {
-      if (entry.fd < 0 || entry.revents == 0) continue;
-      char buffer[4096];
-      ssize_t count = read(entry.fd, buffer, sizeof buffer);
-      if (count <= 0) {
-        close(entry.fd);
-        entry.fd = -1;
-        --open;
-      } else {
-        (entry.fd == out[0] ? result.out : result.err).append(buffer, static_cast<std::size_t>(count));
-        if (entry.fd == out[0]) result.outWrites.emplace_back(buffer, static_cast<std::size_t>(count));
-      }
-    }
-  }
-  for (pollfd& entry : entries2) {
-    if (entry.fd >= 0) close(entry.fd);
-  }
+  result.timedOut = !ReadWrites(out[0], result.outWrites, Clock::now() + std::chrono::seconds(timeoutSeconds));
+  if (result.timedOut) kill(-child, SIGKILL);
+  close(out[0]);
+  for (const std::string& write : result.outWrites) result.out += write;
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
   if (WIFEXITED(status) && !result.timedOut) result.exitStatus = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  lseek(err, 0, SEEK_SET);
+  ReadToEnd(err, result.err, Clock::now() + std::chrono::seconds(5));
+  close(err);
   return result;
 }
 

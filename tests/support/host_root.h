@@ -1,6 +1,7 @@
 // Test harness for the end-to-end tests: a private host root in a temporary
 // directory, helpers to write plugin files and command executables into it, a runner
-// for the real binary, and readers for the channel sinks and logs.
+// for the real binary, and readers for the channel sinks and logs. Every root has the
+// command "mark", which appends its arguments to /order.log as one line (Marks()).
 #pragma once
 
 #include <sys/types.h>
@@ -31,6 +32,12 @@ class HostRoot {
   // Lines of a file, without their newlines; empty when the file is missing.
   std::vector<std::string> Lines(const std::string& hostPath) const;
 
+  std::vector<std::string> Marks() const { return Lines("/order.log"); }
+
+  // The bundled example tree (plugins and commands), as the demo boots it.
+  void CopyExampleTree() const;
+  // A shared-object plugin built for the tests, into the first plugin directory.
+  void CopyTestPlugin(const std::string& file) const;
   // Writes a plugin file into the first (or second) plugin directory.
   void WritePlugin(const std::string& fileName, const nlohmann::json& plugin, int directory = 1) const;
   // Writes an executable shell script for a command path such as "network up" into
@@ -53,7 +60,6 @@ nlohmann::json JsonPlugin(const std::vector<std::string>& provides, const std::v
 
 struct RunResult {
   int exitStatus = -1;  // -1 when the process was killed by a signal or timed out
-  int signal = 0;
   bool timedOut = false;
   std::string out;
   std::vector<std::string> outWrites;  // `out` as the program wrote it, one element per write
