@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <unordered_map>
 
@@ -18,13 +19,14 @@ void init_logging(const char* id) {
   std::cout.flush();
   setvbuf(stdout, nullptr, _IONBF, 0);
 
-  Dictionary* dictionary = Dictionary_Create();
+  // Freed on every way out, an exception from the logging library included.
+  std::unique_ptr<Dictionary, void (*)(Dictionary*)> owned(Dictionary_Create(), Dictionary_Free);
+  Dictionary* dictionary = owned.get();
   Dict_SetString(dictionary, id, "log.syslogID");
   Dict_SetString(dictionary, "info", "log.syslogLevel");
   Log_SetProductInfo(ProductState_GetName(), ProductState_GetVersion(), ProductState_GetBuildNumberString(),
                      ProductState_GetCompilationOption());
   if (Log_InitWithSyslogInt(id, dictionary, 0) == 0) {
-    Dictionary_Free(dictionary);
     std::cerr << "Failed to initialize logging to syslog." << std::endl;
     return;
   }
@@ -34,17 +36,14 @@ void init_logging(const char* id) {
   Dict_SetBool(dictionary, true, "log.useMilliseconds.stdio");
   LogOutput* output = Log_NewStdioOutput(id, dictionary, 0);
   if (output == nullptr) {
-    Dictionary_Free(dictionary);
     std::cerr << "Failed creating standard out logging interface." << std::endl;
     return;
   }
   if (!Log_AddOutput(output)) {
-    Dictionary_Free(dictionary);
     std::cerr << "Failed adding standard out logging interface." << std::endl;
     return;
   }
   Log_SetStderrLevel(0, -1);
-  Dictionary_Free(dictionary);
 }
 
 namespace {
