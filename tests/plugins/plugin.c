@@ -12,11 +12,9 @@
 
 #if defined(PLUGIN_api1)  // with an apply_host_profile entry point that version 1 must never use
 #define FIELDS .requires = TAGS("storage"), .provides = TAGS("net", "dns", "net")
-#define HOST_PROFILE apply_host_profile
 #elif defined(PLUGIN_api2)  // every later field filled in: none of them may be taken over
 #define FIELDS .requires = TAGS("net"), .provides = TAGS("firewall"), .plugin_version = "9.9", .run_once = 1, \
                .required_flags = TAGS("ignored"), .disabling_flags = TAGS("ignored"), .preemptive_provider = 1
-#define HOST_PROFILE apply_host_profile
 #elif defined(PLUGIN_api3)  // its preemptive mark belongs to version 5 and must be ignored
 #define FIELDS .provides = TAGS("time"), .plugin_version = "1.4", .run_once = 1, \
                .required_flags = TAGS("quick", "safe"), .disabling_flags = TAGS("recovery"), .preemptive_provider = 1
@@ -33,9 +31,6 @@
 #endif
 #ifndef RESULT
 #define RESULT 0
-#endif
-#ifndef HOST_PROFILE
-#define HOST_PROFILE NULL
 #endif
 
 // Versions 1 and 4 export the record only up to their own fields, so that reading a
@@ -74,6 +69,8 @@ NATIVE_PLUGIN_EXPORT const Metadata metadata = {.version = VERSION, FIELDS};
 #endif
 #if defined(PLUGIN_null_start)
 NATIVE_PLUGIN_EXPORT const NativePluginOperations operations = {NULL, NULL};
+#elif defined(PLUGIN_api1) || defined(PLUGIN_api2)
+NATIVE_PLUGIN_EXPORT const NativePluginOperations operations = {start, apply_host_profile};
 #elif !defined(PLUGIN_no_operations)
-NATIVE_PLUGIN_EXPORT const NativePluginOperations operations = {start, HOST_PROFILE};
+NATIVE_PLUGIN_EXPORT const NativePluginOperations operations = {start, NULL};
 #endif

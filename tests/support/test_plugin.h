@@ -63,13 +63,6 @@ class PluginTest : public ::testing::Test {
                    const std::vector<std::string>& requires_ = {}) {
     return *owned_.emplace_back(std::make_unique<TestPlugin>(name, provides, requires_));
   }
-  TestPlugin& Add(const std::string& name, const std::vector<std::string>& provides = {},
-                  const std::vector<std::string>& requires_ = {}, bool preemptive = false) {
-    TestPlugin& plugin = Make(name, provides, requires_);
-    plugin.preemptive = preemptive;
-    plugin.Register();
-    return plugin;
-  }
 
   ScopedRoot root_;
   std::vector<std::unique_ptr<TestPlugin>> owned_;

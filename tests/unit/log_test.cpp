@@ -14,10 +14,8 @@ namespace {
 
 TEST(TroveBuffer, OneFlushDeliversOneMessage) {
   ScopedRoot root;
-  TroveBuffer kernelBuffer(Trove_NODE_system_log, false);
-  std::ostream kernel(&kernelBuffer);
-  TroveBuffer statusBuffer(Trove_NODE_system_progressTerm_statusText, true);
-  std::ostream status(&statusBuffer);
+  TroveBuffer kernelBuffer(Trove_NODE_system_log, false), statusBuffer(Trove_NODE_system_progressTerm_statusText, true);
+  std::ostream kernel(&kernelBuffer), status(&statusBuffer);
   kernel << "two\nlines" << std::endl;
   kernel << "abc\rdef" << std::flush;
   kernel.flush();  // nothing written: an empty message
@@ -38,7 +36,7 @@ TEST(TroveBuffer, EachDeliveryFailureHasItsMessageAndSilencesItsChannel) {
            {"ParamListCreate", "Failed to create Trove param list.\n"},
            {"ParamListAddString", "Failed to add Trove input string.\n"}}) {
     ScopedRoot root;
-    TroveBuffer buffer(Trove_NODE_system_sysAlert, false);
+    TroveBuffer buffer(Trove_NODE_system_sysAlert, false), otherBuffer(Trove_NODE_system_sysAlert, false);
     std::ostream alert(&buffer);
     setenv("BOOTSTRAND_TROVE_FAIL", operation.c_str(), 1);
     ::testing::internal::CaptureStderr();
@@ -47,7 +45,6 @@ TEST(TroveBuffer, EachDeliveryFailureHasItsMessageAndSilencesItsChannel) {
     alert << "silenced" << std::endl;
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), message);
     EXPECT_TRUE(alert.bad()) << operation;
-    TroveBuffer otherBuffer(Trove_NODE_system_sysAlert, false);
     std::ostream(&otherBuffer) << "other" << std::endl;
     EXPECT_EQ(root.ReadFile("/var/run/trove/system.sysAlert.log"), "other\n") << operation;
   }

@@ -41,7 +41,6 @@ TEST_F(ParseArgumentsTest, OptionsTakeEffectWhenMet) {
                              ActivateFlag::Interactive);
   EXPECT_EQ(state.pluginNames, (std::unordered_set<std::string>{"--dry", "a.json", "b.json"}));
   EXPECT_EQ(Plugin::disabled, (TagSet{"x", "y"}));
-  EXPECT_TRUE(Plugin::interactiveTags.empty());
   EXPECT_EQ(Worker::WorkerLimit(), 0xFFFFFFFFu);
   EXPECT_EQ(state.seed, 7u);
 

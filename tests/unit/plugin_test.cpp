@@ -1,6 +1,6 @@
-// The plugin model: registration, run-once keys, readiness (checked against its plain
-// definition on random plugin sets; the scheduler's tests cover the predicates case by
-// case) and exceptions.
+// The plugin model: readiness, checked against its plain definition on random plugin
+// sets (the scheduler's tests cover the predicates case by case, the lint's end-to-end
+// tests what --disable marks), and exceptions.
 #include <random>
 #include <set>
 
@@ -11,24 +11,6 @@ namespace bootstrand::testing {
 namespace {
 
 using PluginModel = PluginTest;
-
-TEST_F(PluginModel, DisabledNamesTagsAndRunOnceKeysMarkPluginsSkippedButKeepThemListed) {
-  Plugin::DisablePlugins({"b", "json plugins", "storage", "once1.0"});
-  std::vector<TestPlugin*> plugins = {&Make("a", {"net"}), &Make("b", {"net2"}), &Make("j", {"json plugins"}),
-                                      &Make("s", {"storage"}), &Make("once", {"x"}), &Make("once", {"y"})};
-  // A run-once key is the name followed by the plugin version.
-  plugins[4]->pluginVersion = "1.0";
-  plugins[4]->runOnce = plugins[5]->runOnce = true;
-  std::string skipped;
-  for (TestPlugin* plugin : plugins) {
-    plugin->Register();
-    skipped += plugin->skip ? '1' : '0';
-  }
-  EXPECT_EQ(skipped, "011110");
-  EXPECT_EQ(Plugin::plugins.size(), 6u);
-  EXPECT_EQ(Plugin::providers.at("storage"), std::vector<Plugin*>{plugins[3]});
-  EXPECT_EQ(Plugin::providers.count("json plugins"), 0u);
-}
 
 // Readiness, kept as counts of waits, must answer exactly as the plain definition:
 // walk every listed plugin and ask whether it provides a required tag or preempts the

@@ -69,7 +69,11 @@ TEST_F(Scheduling, HandsOverInListOrderAndReportsEachOutcome) {
     Plugin::ResetRegistries();
     ScopedRoot root;  // the channels' sinks stay open while the root is the same
     Plugin::DisablePlugins(scenario.disabled);
-    for (const PluginSpec& spec : scenario.plugins) Add(spec.name, spec.provides, spec.requires_, spec.preemptive);
+    for (const PluginSpec& spec : scenario.plugins) {
+      TestPlugin& plugin = Make(spec.name, spec.provides, spec.requires_);
+      plugin.preemptive = spec.preemptive;
+      plugin.Register();
+    }
     RecordingPool pool(scenario.workers);
     pool.status = scenario.status;
     ActivateFlags flags = 0;
