@@ -1,7 +1,8 @@
 // The native plugins of the tests, built from this one file under several names:
 // the build defines NAME (the plugin's name) and PLUGIN_<name>, which picks what
-// sets the plugin apart below. An entry point that returns first prints
-// "<name>: <entry point> ran".
+// sets the plugin apart below, and for some plugins VERSION (2 when not given) or
+// RESULT (what an entry point returns, 0 when not given). An entry point that
+// returns prints "<name>: <entry point> ran" first.
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -10,34 +11,17 @@
 #define TAGS(...) ((const char* const[]){__VA_ARGS__, NULL})
 
 #if defined(PLUGIN_api1)  // with an apply_host_profile entry point that version 1 must never use
-#define VERSION 1
 #define FIELDS .requires = TAGS("storage"), .provides = TAGS("net", "dns", "net")
-#define HOST_PROFILE apply_host_profile
 #elif defined(PLUGIN_api2)  // every later field filled in: none of them may be taken over
-#define VERSION 2
 #define FIELDS .requires = TAGS("net"), .provides = TAGS("firewall"), .plugin_version = "9.9", .run_once = 1, \
                .required_flags = TAGS("ignored"), .disabling_flags = TAGS("ignored"), .preemptive_provider = 1
-#define HOST_PROFILE apply_host_profile
 #elif defined(PLUGIN_api3)  // its preemptive mark belongs to version 5 and must be ignored
-#define VERSION 3
 #define FIELDS .provides = TAGS("time"), .plugin_version = "1.4", .run_once = 1, \
                .required_flags = TAGS("quick", "safe"), .disabling_flags = TAGS("recovery"), .preemptive_provider = 1
-#elif defined(PLUGIN_api4)  // every optional field left null
-#define VERSION 4
 #elif defined(PLUGIN_api5)  // a preemptive provider of "time"
-#define VERSION 5
 #define FIELDS .provides = TAGS("time"), .plugin_version = "2.0", .preemptive_provider = 1
-#elif defined(PLUGIN_version0)  // unsupported versions
-#define VERSION 0
-#elif defined(PLUGIN_version6)
-#define VERSION 6
-#elif defined(PLUGIN_prefixed) || defined(PLUGIN_no_operations)  // libprefixed.so: the plugin "prefixed"
-#define VERSION 1
 #elif defined(PLUGIN_null_start)  // nothing to run: both entry points null
 #define FIELDS .provides = TAGS("marker")
-#define START NULL
-#elif defined(PLUGIN_failing)
-#define RESULT 7
 #endif
 #ifndef VERSION
 #define VERSION 2
@@ -47,12 +31,6 @@
 #endif
 #ifndef RESULT
 #define RESULT 0
-#endif
-#ifndef START
-#define START start
-#endif
-#ifndef HOST_PROFILE
-#define HOST_PROFILE NULL
 #endif
 
 // Versions 1 and 4 export the record only up to their own fields, so that reading a
@@ -89,6 +67,10 @@ __attribute__((unused)) static int32_t apply_host_profile(void) { return Ran("ap
 #ifndef PLUGIN_no_metadata
 NATIVE_PLUGIN_EXPORT const Metadata metadata = {.version = VERSION, FIELDS};
 #endif
-#ifndef PLUGIN_no_operations
-NATIVE_PLUGIN_EXPORT const NativePluginOperations operations = {START, HOST_PROFILE};
+#if defined(PLUGIN_null_start)
+NATIVE_PLUGIN_EXPORT const NativePluginOperations operations = {NULL, NULL};
+#elif defined(PLUGIN_api1) || defined(PLUGIN_api2)
+NATIVE_PLUGIN_EXPORT const NativePluginOperations operations = {start, apply_host_profile};
+#elif !defined(PLUGIN_no_operations)
+NATIVE_PLUGIN_EXPORT const NativePluginOperations operations = {start, NULL};
 #endif

@@ -1,43 +1,21 @@
 #include "support/test_plugin.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <iostream>
 #include <set>
-#include <sstream>
-#include <stdexcept>
+
+#include "support/read_until.h"
 
 namespace bootstrand::testing {
 
-ScopedRoot::ScopedRoot() {
-  char pattern[] = "/tmp/bootstrand-unit-XXXXXX";
-  if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
-  root_ = pattern;
-  std::filesystem::create_directories(root_ + "/var/log");
-  setenv("BOOTSTRAND_ROOT", root_.c_str(), 1);
-}
-
-ScopedRoot::~ScopedRoot() {
-  unsetenv("BOOTSTRAND_ROOT");
-  std::error_code ignored;
-  std::filesystem::remove_all(root_, ignored);
-}
-
-std::string ScopedRoot::Read(const std::string& hostPath) const {
-  std::ifstream file(Path(hostPath));
-  std::stringstream contents;
-  contents << file.rdbuf();
-  return contents.str();
-}
-
 std::string Describe(const Plugin& plugin) {
-  auto list = [](const TagSet& tags) {
-    std::string text;
-    for (const std::string& tag : std::set<std::string>(tags.begin(), tags.end())) {
-      text += (text.empty() ? "" : ",") + tag;
-    }
-    return text;
-  };
+  auto list = [](const TagSet& tags) { return Joined(std::set<std::string>(tags.begin(), tags.end())); };
   std::string text = plugin.name + " v" + std::to_string(plugin.apiVersion) + " provides=" + list(plugin.provides) +
                      " requires=" + list(plugin.requires_);
   if (!plugin.pluginVersion.empty()) text += " version=" + plugin.pluginVersion;
@@ -49,6 +27,30 @@ std::string Describe(const Plugin& plugin) {
   if (plugin.noOperations) text += " no_operations";
   if (plugin.skip) text += " skip";
   return text;
+}
+
+int RunInChild(const std::function<int()>& body, std::vector<std::string>* writes) {
+  int output[2];
+  if (pipe2(output, O_CLOEXEC | O_DIRECT) != 0) return -1;
+  std::cout.flush();
+  std::fflush(nullptr);  // or the child writes the buffered output again
+  pid_t child = fork();
+  if (child == 0) {
+    dup2(output[1], STDOUT_FILENO);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    int result = body();
+    std::cout.flush();
+    std::fflush(nullptr);
+    _exit(100 + result);
+  }
+  close(output[1]);
+  std::vector<std::string> ignored;
+  if (!ReadWrites(output[0], writes ? *writes : ignored, Clock::now() + std::chrono::seconds(20))) kill(child, SIGKILL);
+  close(output[0]);
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) >= 100 ? WEXITSTATUS(status) - 100 : -1;
 }
 
 }  // namespace bootstrand::testing

@@ -1,10 +1,7 @@
 // The message channels' buffer semantics and delivery failures, the choice of their
 // outputs, and the redirection of the standard streams. The timing log's lines are
 // checked on real boots by the end-to-end tests and read back by the analyzer's.
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <cstdio>
 
 #include "log/process_logging.h"
 #include "log/trove_buffer.h"
@@ -17,10 +14,8 @@ namespace {
 
 TEST(TroveBuffer, OneFlushDeliversOneMessage) {
   ScopedRoot root;
-  TroveBuffer kernelBuffer(Trove_NODE_system_log, false);
-  std::ostream kernel(&kernelBuffer);
-  TroveBuffer statusBuffer(Trove_NODE_system_progressTerm_statusText, true);
-  std::ostream status(&statusBuffer);
+  TroveBuffer kernelBuffer(Trove_NODE_system_log, false), statusBuffer(Trove_NODE_system_progressTerm_statusText, true);
+  std::ostream kernel(&kernelBuffer), status(&statusBuffer);
   kernel << "two\nlines" << std::endl;
   kernel << "abc\rdef" << std::flush;
   kernel.flush();  // nothing written: an empty message
@@ -29,8 +24,8 @@ TEST(TroveBuffer, OneFlushDeliversOneMessage) {
   // A carriage return starts the message again; only the status channel keeps
   // newlines. The sinks hold one line per message, "\n" for a newline and "\\" for
   // a backslash.
-  EXPECT_EQ(root.Read("/var/run/trove/system.log.log"), "twolines\ndef\n\nback\\\\slash\n");
-  EXPECT_EQ(root.Read("/var/run/trove/system.progressTerm.statusText.log"), "activating: a\\nactivating: b\\n\n");
+  EXPECT_EQ(root.ReadFile("/var/run/trove/system.log.log"), "twolines\ndef\n\nback\\\\slash\n");
+  EXPECT_EQ(root.ReadFile("/var/run/trove/system.progressTerm.statusText.log"), "activating: a\\nactivating: b\\n\n");
 }
 
 // A failed delivery is reported once, and that channel stays silent while the others
@@ -41,7 +36,7 @@ TEST(TroveBuffer, EachDeliveryFailureHasItsMessageAndSilencesItsChannel) {
            {"ParamListCreate", "Failed to create Trove param list.\n"},
            {"ParamListAddString", "Failed to add Trove input string.\n"}}) {
     ScopedRoot root;
-    TroveBuffer buffer(Trove_NODE_system_sysAlert, false);
+    TroveBuffer buffer(Trove_NODE_system_sysAlert, false), otherBuffer(Trove_NODE_system_sysAlert, false);
     std::ostream alert(&buffer);
     setenv("BOOTSTRAND_TROVE_FAIL", operation.c_str(), 1);
     ::testing::internal::CaptureStderr();
@@ -50,9 +45,8 @@ TEST(TroveBuffer, EachDeliveryFailureHasItsMessageAndSilencesItsChannel) {
     alert << "silenced" << std::endl;
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), message);
     EXPECT_TRUE(alert.bad()) << operation;
-    TroveBuffer otherBuffer(Trove_NODE_system_sysAlert, false);
     std::ostream(&otherBuffer) << "other" << std::endl;
-    EXPECT_EQ(root.Read("/var/run/trove/system.sysAlert.log"), "other\n") << operation;
+    EXPECT_EQ(root.ReadFile("/var/run/trove/system.sysAlert.log"), "other\n") << operation;
   }
 }
 
@@ -63,11 +57,7 @@ TEST(ChannelOutputsTest, TheListAndItsDefaultsFollowTheVariableAndTheRoot) {
   const std::vector<std::string> realHost = {"files", "console=/dev/console", "kmsg=/dev/kmsg", "syslog"};
   const std::string notAnOutput = "\" is not an output (files, console[=PATH], kmsg[=PATH], syslog); left out\n";
   const std::tuple<const char*, const char*, std::vector<std::string>, std::string> cases[] = {
-      {nullptr, nullptr, realHost, ""},
-      {"", "", realHost, ""},
-      {" ", "//", realHost, ""},
-      {nullptr, "/tmp/host", {"files"}, ""},
-      {"", "/tmp/host/", {"files"}, ""},
+      {nullptr, nullptr, realHost, ""}, {" ", "//", realHost, ""}, {"", "/tmp/host/", {"files"}, ""},
       {" kmsg=/tmp/k , files,,files,kmsg=/tmp/k", nullptr, {"kmsg=/tmp/k", "files"}, ""},
       {"console,console=/dev/tty", "/tmp/host", {"console=/dev/console", "console=/dev/tty"}, ""},
       {"consle,console=,files=x,syslog", "/", {"syslog"},
@@ -85,17 +75,13 @@ TEST(ChannelOutputsTest, TheListAndItsDefaultsFollowTheVariableAndTheRoot) {
 
 TEST(InitFds, AStandardStreamThatWasClosedStillReachesTheProgramsStartedAfterwards) {
   ScopedRoot root;
-  std::fflush(nullptr);
-  pid_t child = fork();
-  if (child == 0) {
+  RunInChild([] {
     // The log file opens on the free descriptor 1 and must lose close-on-exec there.
     close(STDOUT_FILENO);
     init_fds("/var/log/out.log");
-    execl("/bin/sh", "sh", "-c", "echo reached", static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  waitpid(child, nullptr, 0);
-  EXPECT_EQ(root.Read("/var/log/out.log"), "reached\n");
+    return execl("/bin/sh", "sh", "-c", "echo reached", static_cast<char*>(nullptr));
+  });
+  EXPECT_EQ(root.ReadFile("/var/log/out.log"), "reached\n");
 }
 
 }  // namespace

@@ -24,43 +24,39 @@ class ParseArgumentsTest : public PluginTest {
     PluginTest::TearDown();
     Worker::LimitWorkers(-1);
   }
-  StartupState Parse(std::list<std::string> arguments) {
+  static StartupState Parse(std::list<std::string> arguments) {
     StartupState state;
     ParseArguments(arguments, state);
     return state;
   }
 };
 
+// A required value is taken whatever it begins with; an optional one stops at
+// dashes, and an empty next argument is an empty value, taken like any other.
 TEST_F(ParseArgumentsTest, OptionsTakeEffectWhenMet) {
   StartupState state = Parse({"--dry=ignored", "--time-ops", "--disable-preemptive-plugins", "--interactive",
                               "--plugin", "--dry", "--plugin=a.json,,b.json", "--plugin", "a.json", "--disable", "x,y",
                               "--max-workers", "-1", "--randomize", "7"});
   EXPECT_EQ(state.flags, ActivateFlag::DryRun | ActivateFlag::TimeOps | ActivateFlag::PreemptivePluginsDisabled |
                              ActivateFlag::Interactive);
-  // A required value is taken whatever it begins with.
   EXPECT_EQ(state.pluginNames, (std::unordered_set<std::string>{"--dry", "a.json", "b.json"}));
   EXPECT_EQ(Plugin::disabled, (TagSet{"x", "y"}));
-  EXPECT_TRUE(Plugin::interactiveTags.empty());
   EXPECT_EQ(Worker::WorkerLimit(), 0xFFFFFFFFu);
   EXPECT_EQ(state.seed, 7u);
-}
 
-TEST_F(ParseArgumentsTest, OptionalValuesStopAtDashes) {
-  StartupState state = Parse({"--requires", "--provides", "net", "--randomize=-1", "--interactive=usb,net"});
+  state = Parse({"--requires", "--provides", "net", "--randomize=-1", "--interactive=usb,net"});
   EXPECT_TRUE(state.requiresQuery && state.providesQuery);
-  EXPECT_EQ(state.requiresTag, "");
-  EXPECT_EQ(state.providesTag, "net");
+  EXPECT_EQ(state.requiresTag + "|" + state.providesTag, "|net");
   EXPECT_EQ(state.seed, 4294967295u);
   EXPECT_EQ(Plugin::interactiveTags, (TagSet{"usb", "net"}));
   EXPECT_TRUE(Parse({"--requires"}).requiresQuery);
   EXPECT_NE(Parse({"--randomize="}).seed, 0u);  // empty value: the current time
 
-  // An empty next argument is an empty value, taken like any other.
-  StartupState empty = Parse({"--requires", "", "--provides", "", "--interactive", "", "--randomize", "", "--tags"});
-  EXPECT_TRUE(empty.requiresQuery && empty.providesQuery && empty.listTags);
-  EXPECT_EQ(empty.requiresTag + empty.providesTag, "");
-  EXPECT_EQ(empty.flags, ActivateFlag::Interactive);
-  EXPECT_NE(empty.seed, 0u);
+  state = Parse({"--requires", "", "--provides", "", "--interactive", "", "--randomize", "", "--tags"});
+  EXPECT_TRUE(state.requiresQuery && state.providesQuery && state.listTags);
+  EXPECT_EQ(state.requiresTag + state.providesTag, "");
+  EXPECT_EQ(state.flags, ActivateFlag::Interactive);
+  EXPECT_NE(state.seed, 0u);
 }
 
 }  // namespace

@@ -1,10 +1,6 @@
 // The scheduler's passes through a worker pool without processes: which plugins are
 // handed over in which pass, and the outcome lines and status text it writes.
-#include <filesystem>
-#include <fstream>
-
 #include "plugin/scheduler.h"
-#include "support/host_root.h"
 #include "support/recording_pool.h"
 #include "support/test_plugin.h"
 
@@ -17,15 +13,7 @@ struct PluginSpec {
   bool preemptive = false;
 };
 
-class Scheduling : public PluginTest {
- protected:
-  void Register(const std::vector<PluginSpec>& specs) {
-    for (const PluginSpec& spec : specs) Add(spec.name, spec.provides, spec.requires_, spec.preemptive);
-  }
-  static std::vector<std::string> Channel(const std::string& channel) {
-    return ChannelMessages(getenv("BOOTSTRAND_ROOT"), channel);
-  }
-};
+using Scheduling = PluginTest;
 
 const std::string kActivated = " activated.";
 std::string Line(const std::string& name, const std::string& outcome) { return "Bootstrand plugin " + name + outcome; }
@@ -36,52 +24,43 @@ TEST_F(Scheduling, HandsOverInListOrderAndReportsEachOutcome) {
     std::vector<PluginSpec> plugins;  // in load order
     std::size_t workers;
     std::map<std::string, int> status;  // results other than success
-    ActivateFlags flags;
     std::vector<std::string> disabled;
     std::string transcript;  // hand-overs ("~": passed over) and collections ("/")
     std::vector<std::string> kernel, alert, statusText;
   } const scenarios[] = {
+      // A requirement that nobody provides holds nothing back.
       {"SerialInDependencyOrder",
-       {{"a", {"app"}, {"storage"}}, {"b", {"storage"}, {"net"}}, {"c", {"net"}, {}}}, 1, {}, 0, {}, "c / b / a / ",
+       {{"a", {"app"}, {"storage"}}, {"b", {"storage"}, {"net"}}, {"c", {"net"}, {"nobody"}}}, 1, {}, {}, "c / b / a / ",
        {Line("c", kActivated), Line("b", kActivated), Line("a", kActivated)}, {},
        {"activating: c\n", "activating: b\n", "activating: a\n", ""}},
       // A plugin becomes ready only in the pass after its last provider finished.
       {"IndependentPluginsRunTogether",
-       {{"a", {"a"}, {}}, {"b", {"b"}, {}}, {"c", {"c"}, {"a", "b"}}}, 8, {}, 0, {}, "a b / / c / ",
+       {{"a", {"a"}, {}}, {"b", {"b"}, {}}, {"c", {"c"}, {"a", "b"}}}, 8, {}, {}, "a b / / c / ",
        {Line("a", kActivated), Line("b", kActivated), Line("c", kActivated)}, {},
        {"activating: a\nactivating: b\n", "activating: b\n", "activating: c\n", ""}},
       {"AFailedProviderReleasesItsDependants",
-       {{"a", {"app"}, {"storage"}}, {"b", {"storage"}, {}}}, 1, {{"b", 1}}, 0, {}, "b / a / ",
+       {{"a", {"app"}, {"storage"}}, {"b", {"storage"}, {}}}, 1, {{"b", 1}}, {}, "b / a / ",
        {Line("a", kActivated)}, {Line("b", " activation failed.")},
        {"activating: b\n", "activating: a\n", ""}},
-      {"ARequirementNobodyProvidesHoldsNothingBack",
-       {{"a", {"a"}, {"nobody"}}}, 1, {}, 0, {}, "a / ",
-       {Line("a", kActivated)}, {},
-       {"activating: a\n", ""}},
       // q sorts first, so only the preemptive hold keeps it back; sharing a kind
       // tag holds nobody back.
       {"APreemptiveProviderThatSucceedsDropsItsRivals",
        {{"a-q", {"dhcp"}, {}}, {"p", {"dhcp", "json plugins"}, {}, true}, {"k", {"json plugins"}, {}}},
-       1, {}, 0, {}, "p / k / ",
+       1, {}, {}, "p / k / ",
        {Line("p", kActivated), Line("a-q", " skipped."), Line("k", kActivated)}, {},
        {"activating: p\n", "activating: k\n", ""}},
       {"APreemptiveProviderThatFailsReleasesItsRivals",
-       {{"a-q", {"dhcp"}, {}}, {"p", {"dhcp"}, {}, true}}, 1, {{"p", 1}}, 0, {}, "p / a-q / ",
+       {{"a-q", {"dhcp"}, {}}, {"p", {"dhcp"}, {}, true}}, 1, {{"p", 1}}, {}, "p / a-q / ",
        {Line("p", " opportunistic activation failed."), Line("a-q", kActivated)}, {},
        {"activating: p\n", "activating: a-q\n", ""}},
-      {"PreemptionDisabled",
-       {{"a-q", {"dhcp"}, {}}, {"p", {"dhcp"}, {}, true}},
-       1, {{"p", 1}}, ActivateFlag::PreemptivePluginsDisabled, {}, "p / a-q / ",
-       {Line("p", " opportunistic skipped."), Line("a-q", kActivated)}, {},
-       {"activating: p\n", "activating: a-q\n", ""}},
       {"ADisabledPreemptiveProviderPreemptsNobody",
-       {{"a-q", {"dhcp"}, {}}, {"p", {"dhcp"}, {}, true}}, 1, {}, 0, {"p"}, "p~ / a-q / ",
+       {{"a-q", {"dhcp"}, {}}, {"p", {"dhcp"}, {}, true}}, 1, {}, {"p"}, "p~ / a-q / ",
        {Line("p", " skipped."), Line("a-q", kActivated)}, {},
        {"", "activating: a-q\n", ""}},
       // Passed over without a worker while the only worker is busy; what needs
       // the worker waits for it.
       {"PassedOverPluginsSettleWhileOthersRun",
-       {{"r", {"r"}, {}}, {"d", {"d"}, {}}, {"e", {"e"}, {"d"}}}, 1, {}, 0, {"d"}, "r d~ / / e / ",
+       {{"r", {"r"}, {}}, {"d", {"d"}, {}}, {"e", {"e"}, {"d"}}}, 1, {}, {"d"}, "r d~ / / e / ",
        {Line("d", " skipped."), Line("r", kActivated), Line("e", kActivated)}, {},
        {"activating: r\n", "activating: r\n", "activating: e\n", ""}},
   };
@@ -90,46 +69,20 @@ TEST_F(Scheduling, HandsOverInListOrderAndReportsEachOutcome) {
     Plugin::ResetRegistries();
     ScopedRoot root;  // the channels' sinks stay open while the root is the same
     Plugin::DisablePlugins(scenario.disabled);
-    Register(scenario.plugins);
+    for (const PluginSpec& spec : scenario.plugins) {
+      TestPlugin& plugin = Make(spec.name, spec.provides, spec.requires_);
+      plugin.preemptive = spec.preemptive;
+      plugin.Register();
+    }
     RecordingPool pool(scenario.workers);
     pool.status = scenario.status;
-    ActivateFlags flags = scenario.flags;
+    ActivateFlags flags = 0;
     Plugin::ActivatePlugins(flags, pool);
     EXPECT_EQ(pool.transcript, scenario.transcript);
-    EXPECT_EQ(Channel("kernel"), scenario.kernel);
-    EXPECT_EQ(Channel("alert"), scenario.alert);
-    EXPECT_EQ(Channel("progress"),
-              (std::vector<std::string>{"Activating Bootstrand Plugins: ", "All bootstrand plugins activated"}));
-    EXPECT_EQ(Channel("status"), scenario.statusText);
+    EXPECT_EQ(root.Channel("kernel"), scenario.kernel);
+    EXPECT_EQ(root.Channel("alert"), scenario.alert);
+    EXPECT_EQ(root.Channel("status"), scenario.statusText);
   }
-}
-
-TEST_F(Scheduling, HostProfilesWaitForTheConfigurationOnAStatelessHost) {
-  std::ofstream(root_.Path("/stateless.tgz")).flush();
-  std::filesystem::create_directories(root_.Path("/etc/tessary"));
-  std::ofstream(root_.Path("/etc/tessary/hostprofile.xml.gz")).flush();
-  Register(
-      {{"early", {"early"}, {}}, {"restore-configuration", {"restored"}, {"early"}}, {"late", {"late"}, {"restored"}}});
-  RecordingPool pool(1);
-  ActivateFlags flags = ActivateFlag::HostProfileBarrier;
-  Plugin::ActivatePlugins(flags, pool);
-
-  EXPECT_EQ(pool.transcript, "early / restore-configuration / late / ");
-  const ActivateFlags profile = ActivateFlag::HostProfilePresent;
-  EXPECT_EQ(pool.flags["early"], profile | ActivateFlag::HostProfileBarrier);
-  EXPECT_EQ(pool.flags["restore-configuration"], profile | ActivateFlag::HostProfileBarrier);
-  EXPECT_EQ(pool.flags["late"], profile);
-}
-
-TEST_F(Scheduling, PluginsThatCanNeverStartEndTheRun) {
-  // c requires what it provides; a and b wait on each other; d is free.
-  Register({{"a", {"x"}, {"y"}}, {"b", {"y"}, {"x"}}, {"c", {"z"}, {"z"}}, {"d", {"d"}, {}}});
-  RecordingPool pool;
-  ActivateFlags flags = 0;
-  Scheduler scheduler(pool, flags);
-  EXPECT_FALSE(scheduler.Run());
-  EXPECT_EQ(pool.transcript, "d / ");
-  EXPECT_EQ(Plugin::plugins.size(), 3u);
 }
 
 }  // namespace

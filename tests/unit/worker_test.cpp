@@ -3,11 +3,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
+#include <map>
+#include <regex>
 #include <stdexcept>
-#include <thread>
 
 #include "support/test_plugin.h"
 #include "worker/worker.h"
@@ -16,24 +17,10 @@ namespace bootstrand::testing {
 namespace {
 
 using Results = std::vector<PluginResult>;
-
-// Standard streams aside: a worker sends them elsewhere.
-int OpenPipeDescriptors() {
-  int count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code ignored;
-    count += std::stoi(entry.path().filename()) > 2 &&
-             std::filesystem::read_symlink(entry, ignored).string().starts_with("pipe:");
-  }
-  return count;
-}
+using HandOverResult = bootstrand::WorkerPool::HandOverResult;
 
 class WorkerPool : public PluginTest {
  protected:
-  void SetUp() override {
-    PluginTest::SetUp();
-    Worker::ResetPool();
-  }
   void TearDown() override {
     Worker::ResetPool();
     PluginTest::TearDown();
@@ -46,12 +33,15 @@ class WorkerPool : public PluginTest {
     plugin->activate = std::move(activate);
     return plugin;
   }
-  // Collects results until `count` have arrived.
-  static Results Collect(std::size_t count) {
+  // Collects results at least once and until `count` have arrived; with `out`, what
+  // the pool printed meanwhile.
+  static Results Collect(std::size_t count, std::string* out = nullptr) {
+    if (out != nullptr) ::testing::internal::CaptureStdout();
     Results results;
-    while (results.size() < count) {
+    do {
       for (const PluginResult& result : Worker::PluginResults()) results.push_back(result);
-    }
+    } while (results.size() < count);
+    if (out != nullptr) *out = ::testing::internal::GetCapturedStdout();
     return results;
   }
 };
@@ -62,90 +52,73 @@ TEST_F(WorkerPool, TheLimitHoldsBackAllButPassedOverPluginsAndOneWorkerServesThe
   Worker::LimitWorkers(1);
   TestPlugin* running = New("running", [] { return usleep(200000) == 0; });
   TestPlugin* flagged = New("flagged");
-  TestPlugin* disabled = New("disabled");
-  disabled->skip = true;
   TestPlugin* empty = New("empty");
   empty->noOperations = true;
   TestPlugin* failing = New("failing", [] { return false; });
 
-  ASSERT_EQ(Worker::HandOver(running, 0), bootstrand::WorkerPool::HandOverResult::Running);
-  EXPECT_FALSE(Worker::ActivatePlugin(failing, 0));
-  ASSERT_EQ(Worker::HandOver(flagged, ActivateFlag::Skip), bootstrand::WorkerPool::HandOverResult::PassedOver);
-  ASSERT_TRUE(Worker::ActivatePlugin(disabled, 0));
-  ASSERT_TRUE(Worker::ActivatePlugin(empty, 0));
+  ASSERT_EQ(Worker::HandOver(running, 0), HandOverResult::Running);
+  EXPECT_EQ(Worker::HandOver(failing, 0), HandOverResult::Refused);
+  ASSERT_EQ(Worker::HandOver(flagged, ActivateFlag::Skip), HandOverResult::PassedOver);
+  ASSERT_EQ(Worker::HandOver(empty, 0), HandOverResult::PassedOver);
   // Queued results come back at once, without waiting for the running plugin.
-  EXPECT_EQ(Worker::PluginResults(), (Results{{flagged, 0}, {disabled, 0}, {empty, 0}}));
+  EXPECT_EQ(Collect(0), (Results{{flagged, 0}, {empty, 0}}));
   EXPECT_EQ(Collect(1), (Results{{running, 0}}));
   ASSERT_TRUE(Worker::ActivatePlugin(failing, 0));
   EXPECT_EQ(Collect(1), (Results{{failing, 1}}));
   EXPECT_EQ(Worker::PoolSize(), 1u);
-
-  EXPECT_EQ(root_.Read("/var/run/trove/system.log.log"),
-            "Activating Bootstrand plugin running.\nBootstrand plugin flagged skipped.\n"
-            "Bootstrand plugin disabled skipped.\nBootstrand plugin empty skipped.\n"
-            "Activating Bootstrand plugin failing.\n");
-  std::string timing = root_.Read("/var/log/sysboot.log");
-  for (const char* name : {"running", "empty", "failing"}) {
-    EXPECT_NE(timing.find("] sysboot: " + std::string(name) + "\n"), std::string::npos) << name;
-  }
 }
 
-TEST_F(WorkerPool, AWorkerThatEndsMidPluginBecomesTheResult) {
-  const std::tuple<std::function<bool()>, std::int32_t, std::string> cases[] = {
-      {[] { return raise(SIGKILL) == 0; }, 9, "p: exited with signal 9\n"},
-      {[]() -> bool { std::exit(0); }, 0, ""},
-      {[]() -> bool { std::exit(3); }, 3, "p: exited with code 3\n"},
-      {[]() -> bool { throw std::runtime_error("boom"); }, 2, "p: exited with code 2\n"},
-      {[]() -> bool { throw 7; }, 2, "p: exited with code 2\n"},
+// Plugins end their workers in every way they can, all at once; each dead worker's
+// end becomes its plugin's result. Each live plugin checks, inside its worker, that
+// besides the pipes this process already had only its own two pipe ends are open
+// (standard streams aside: a worker sends them elsewhere).
+TEST_F(WorkerPool, DeadWorkersBecomeResultsAndEachWorkerHoldsOnlyItsOwnPipes) {
+  auto pipes = [] {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code ignored;
+      count += std::stoi(entry.path().filename()) > 2 &&
+               std::filesystem::read_symlink(entry, ignored).string().starts_with("pipe:");
+    }
+    return count;
   };
-  for (const auto& [activate, status, line] : cases) {
-    Worker::ResetPool();
-    TestPlugin* plugin = New("p", activate);
+  auto ownPipesOnly = [pipes, inherited = pipes()] { return pipes() == inherited + 2; };
+  for (TestPlugin* plugin :
+       {New("killed", [] { return raise(SIGKILL) == 0; }), New("second", ownPipesOnly),
+        New("exits", []() -> bool { std::exit(3); }), New("exits-cleanly", []() -> bool { std::exit(0); }),
+        New("throws", []() -> bool { throw std::runtime_error("boom"); }), New("third", ownPipesOnly),
+        New("throws-other", []() -> bool { throw 7; })}) {
     ASSERT_TRUE(Worker::ActivatePlugin(plugin, 0));
-    ::testing::internal::CaptureStdout();
-    Results results = Collect(1);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), line);
-    EXPECT_EQ(results, (Results{{plugin, status}})) << line;
-    EXPECT_EQ(Worker::PoolSize(), 0u);
   }
-}
-
-// Each live plugin checks, inside its worker, that besides the pipes this process
-// already had only its own two pipe ends are open.
-TEST_F(WorkerPool, ADeadWorkerIsReplacedByTheLastOneAndEachWorkerHoldsOnlyItsOwnPipes) {
-  const int inherited = OpenPipeDescriptors();
-  auto ownPipesOnly = [inherited] { return OpenPipeDescriptors() == inherited + 2; };
-  TestPlugin* dies = New("dies", [] { return raise(SIGKILL) == 0; });
-  TestPlugin* second = New("second", ownPipesOnly);
-  TestPlugin* third = New("third", ownPipesOnly);
-  for (TestPlugin* plugin : {dies, second, third}) ASSERT_TRUE(Worker::ActivatePlugin(plugin, 0));
-  EXPECT_EQ(Worker::PoolSize(), 3u);
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  ::testing::internal::CaptureStdout();
-  Results results = Worker::PluginResults();
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "dies: exited with signal 9\n");
-  EXPECT_EQ(results, (Results{{dies, 9}, {third, 0}, {second, 0}}));
+  EXPECT_EQ(Worker::PoolSize(), 7u);
+  std::string out;
+  std::map<std::string, std::int32_t> statuses;
+  for (const auto& [plugin, status] : Collect(7, &out)) statuses[plugin->name] = status;
+  EXPECT_EQ(statuses, (std::map<std::string, std::int32_t>{{"killed", 9}, {"second", 0}, {"exits", 3},
+                                                            {"exits-cleanly", 0}, {"throws", 2}, {"third", 0},
+                                                            {"throws-other", 2}}));
+  for (const char* line : {"killed: exited with signal 9\n", "exits: exited with code 3\n",
+                           "throws: exited with code 2\n", "throws-other: exited with code 2\n"}) {
+    EXPECT_NE(out.find(line), std::string::npos) << out;
+  }
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 4) << out;
   EXPECT_EQ(Worker::PoolSize(), 2u);
 }
 
 TEST_F(WorkerPool, AWorkerThatDiesIdleFailsTheHandOverAndIsDroppedWithoutAResult) {
-  const std::string pidFile = root_.Path("/worker.pid");
-  TestPlugin* first = New("first", [pidFile] { return static_cast<bool>(std::ofstream(pidFile) << getpid()); });
-  ASSERT_TRUE(Worker::ActivatePlugin(first, 0));
+  // The plugin's worker dies 50 ms after the plugin has returned.
+  ASSERT_TRUE(Worker::ActivatePlugin(New("first", [] { return ualarm(50000, 0) == 0; }), 0));
   Collect(1);
-  const pid_t workerPid = std::stoi(root_.Read("/worker.pid"));
-  ASSERT_EQ(kill(workerPid, SIGKILL), 0);
-  usleep(100000);
+  usleep(200000);
 
   Worker::LimitWorkers(1);
   TestPlugin* probe = New("probe");
   EXPECT_FALSE(Worker::ActivatePlugin(probe, 0));  // the request write fails with EPIPE
-  ::testing::internal::CaptureStdout();
-  EXPECT_EQ(Worker::PluginResults(), Results{});
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-            "idle worker " + std::to_string(workerPid) + ": exited with signal 9\n");
+  std::string out;
+  EXPECT_EQ(Collect(0, &out), Results{});
+  EXPECT_TRUE(std::regex_match(out, std::regex("idle worker [0-9]+: exited with signal 14\n"))) << out;
   EXPECT_EQ(Worker::PoolSize(), 0u);
-  EXPECT_NE(root_.Read("/var/run/trove/system.log.log")
+  EXPECT_NE(root_.ReadFile("/var/run/trove/system.log.log")
                 .find("Activating Bootstrand plugin probe.\nBootstrand worker communication failed Broken pipe\n"),
             std::string::npos);
   // The next hand-over spawns a fresh worker.
