@@ -12,7 +12,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <map>
 
 #include "support/host_root.h"
 #include "support/read_until.h"
@@ -28,53 +27,47 @@ const char* const kPlainConsole =
     "All bootstrand plugins activated\n";
 
 // Plugin a succeeds; b-fails-with-a-long-name requires a and fails: one alert. One
-// worker and no built-in plugin make every run the same.
+// worker and no built-in plugin make every run the same (an empty argument is
+// ignored). Plain files in the root serve as console and kernel log.
 class ChannelOutputs : public ::testing::Test {
  protected:
   void SetUp() override {
     root.WriteCommand("broken", "exit 1");
-    root.WritePlugin("a.json", JsonPlugin({"a"}, {}, {"mark"}));
-    root.WritePlugin("b-fails-with-a-long-name.json", JsonPlugin({"b"}, {"a"}, {"broken"}));
+    root.WritePlugins({{"a", {"a"}, {}, {"mark"}}, {"b-fails-with-a-long-name", {"b"}, {"a"}, {"broken"}}});
+    for (const char* file : {"/console.txt", "/kmsg"}) root.WriteFile(file, "");
   }
 
-  RunResult Boot(const std::map<std::string, std::string>& environment, std::vector<std::string> extra = {}) {
-    std::vector<std::string> arguments = {"--max-workers", "1", "--plugin", "a.json,b-fails-with-a-long-name.json"};
-    arguments.insert(arguments.end(), extra.begin(), extra.end());
-    return RunBootstrand(root, arguments, environment);
+  RunResult Boot(const std::map<std::string, std::string>& environment, const std::string& extra = "") {
+    return RunBootstrand(root, {"--max-workers", "1", "--plugin", "a.json,b-fails-with-a-long-name.json", extra},
+                         environment);
   }
 
-  std::map<std::string, std::vector<std::string>> Sinks() const {
-    std::map<std::string, std::vector<std::string>> sinks;
+  std::map<std::string, Lines> Sinks() const {
+    std::map<std::string, Lines> sinks;
     for (const char* channel : {"status", "alert", "progress", "kernel"}) sinks[channel] = root.Channel(channel);
+    std::filesystem::remove_all(root.Path("/var/run/trove"));
     return sinks;
   }
 
-  // An empty plain file in the root, to serve as console or kernel log.
-  std::string PlainFile(const std::string& name) const {
-    root.WriteFile("/" + name, "");
-    return root.Path("/" + name);
-  }
-
   HostRoot root;
+  const std::string console = root.Path("/console.txt"), kmsg = root.Path("/kmsg");
 };
 
 // A root under another folder defaults to the sink files only; the console output's
 // default device is then BOOTSTRAND_CONSOLE's, a file here, which must stay empty.
 // With a console listed, the sink files are written as without one.
 TEST_F(ChannelOutputs, TheConsoleShowsALiveLineOnATerminalAndPlainLinesInAFile) {
-  std::string unused = PlainFile("unused.txt");
-  std::map<std::string, std::vector<std::string>> sinks;
+  std::map<std::string, Lines> sinks;
   for (const std::string& prefix : {root.Root() + "//", root.Root()}) {
-    std::filesystem::remove_all(root.Path("/var/run/trove"));
-    RunResult run = Boot({{"BOOTSTRAND_ROOT", prefix}, {"BOOTSTRAND_CONSOLE", unused}});
+    RunResult run = Boot({{"BOOTSTRAND_ROOT", prefix}, {"BOOTSTRAND_CONSOLE", console}});
     ASSERT_EQ(run.exitStatus, 0) << run.err;
     EXPECT_EQ(run.err, "");
-    EXPECT_EQ(root.Channel("progress").back(), "All bootstrand plugins activated");
-    EXPECT_EQ(root.ReadFile("/unused.txt"), "");
+    EXPECT_EQ(root.ReadFile("/console.txt"), "");
     sinks = Sinks();
+    EXPECT_EQ(sinks["progress"], (Lines{"Activating Bootstrand Plugins: ", "All bootstrand plugins activated"}));
   }
+  // 24 columns: the live line is cut to 23 characters, so that it never wraps.
   const std::pair<bool, std::string> cases[] = {
-      // 24 columns: the live line is cut to 23 characters, so that it never wraps.
       {true,
        "Activating Bootstrand Plugins: \r\n"
        "\r\x1b[K[0/2] activating: a"
@@ -85,20 +78,18 @@ TEST_F(ChannelOutputs, TheConsoleShowsALiveLineOnATerminalAndPlainLinesInAFile) 
       {false, kPlainConsole},
   };
   for (const auto& [onTerminal, expected] : cases) {
-    std::filesystem::remove_all(root.Path("/var/run/trove"));
     int terminal = -1, device = -1;
     winsize size{24, 24, 0, 0};
-    std::string console = PlainFile("console.txt");
+    std::string shown, output = console;
     if (onTerminal) {
       ASSERT_EQ(openpty(&terminal, &device, nullptr, nullptr, &size), 0);
       termios attributes{};
       tcgetattr(device, &attributes);
       cfmakeraw(&attributes);  // every byte as the program wrote it
       tcsetattr(device, TCSANOW, &attributes);
-      console = ttyname(device);
+      output = ttyname(device);
     }
-    RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + console}});
-    std::string shown = onTerminal ? "" : root.ReadFile("/console.txt");
+    RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + output}});
     if (onTerminal) {
       close(device);
       ReadToEnd(terminal, shown, Clock::now() + std::chrono::seconds(10));
@@ -106,36 +97,31 @@ TEST_F(ChannelOutputs, TheConsoleShowsALiveLineOnATerminalAndPlainLinesInAFile) 
     }
     EXPECT_EQ(run.exitStatus, 0);
     EXPECT_EQ(run.err, "");
-    EXPECT_EQ(shown, expected) << (onTerminal ? "terminal" : "plain file");
+    EXPECT_EQ(onTerminal ? shown : root.ReadFile("/console.txt"), expected) << (onTerminal ? "terminal" : "file");
     EXPECT_EQ(Sinks(), sinks);
   }
 }
 
-// A console that cannot be opened is left out with one message; the kernel log, a
-// plain file here, takes the daemon facility: alerts at warning (4), kernel-channel
-// lines at info (6).
+// A console that cannot be opened is left out with one message; the kernel log takes
+// the daemon facility: alerts at warning (4), kernel-channel lines at info (6). With
+// --quiet no output gets anything.
 TEST_F(ChannelOutputs, KernelLogRecordsCarryThePriorityOfTheirChannel) {
   std::string missing = root.Path("/no/such/tty");
-  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "kmsg=" + PlainFile("kmsg") + ",console=" + missing}});
+  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "kmsg=" + kmsg + ",console=" + missing}});
   EXPECT_EQ(run.exitStatus, 0);
   EXPECT_EQ(run.err, "Channel output console=" + missing + " left out: No such file or directory\n");
-  EXPECT_EQ(root.Lines("/kmsg"), (std::vector<std::string>{
-                                     "<30>Pellam2: Activating Bootstrand plugin a.",
-                                     "<30>Pellam2: Applying start on plugin a",
-                                     "<30>Pellam2: Bootstrand plugin a activated.",
-                                     "<30>Pellam2: Activating Bootstrand plugin b-fails-with-a-long-name.",
-                                     "<30>Pellam2: Applying start on plugin b-fails-with-a-long-name",
-                                     "<28>Pellam2: Bootstrand plugin b-fails-with-a-long-name activation failed.",
-                                 }));
+  EXPECT_EQ(root.ReadLines("/kmsg"), (Lines{"<30>Pellam2: Activating Bootstrand plugin a.",
+                                            "<30>Pellam2: Applying start on plugin a",
+                                            "<30>Pellam2: Bootstrand plugin a activated.",
+                                            "<30>Pellam2: Activating Bootstrand plugin b-fails-with-a-long-name.",
+                                            "<30>Pellam2: Applying start on plugin b-fails-with-a-long-name",
+                                            "<28>Pellam2: Bootstrand plugin b-fails-with-a-long-name activation "
+                                            "failed."}));
   EXPECT_FALSE(root.Exists("/var/run/trove")) << "files was not listed";
-}
-
-TEST_F(ChannelOutputs, QuietSilencesEveryOutput) {
-  std::string outputs = "files,console=" + PlainFile("console.txt") + ",kmsg=" + PlainFile("kmsg");
-  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", outputs}}, {"--quiet"});
+  root.WriteFile("/kmsg", "");
+  run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + console + ",kmsg=" + kmsg}}, "--quiet");
   ASSERT_EQ(run.exitStatus, 0) << run.err;
-  EXPECT_EQ(run.err, "");
-  EXPECT_EQ(root.ReadFile("/console.txt") + root.ReadFile("/kmsg"), "");
+  EXPECT_EQ(run.err + root.ReadFile("/console.txt") + root.ReadFile("/kmsg"), "");
   EXPECT_FALSE(root.Exists("/var/run/trove"));
 }
 
@@ -143,7 +129,7 @@ TEST_F(ChannelOutputs, QuietSilencesEveryOutput) {
 // channel, which reached nothing, fails as it does with the sink files alone.
 TEST_F(ChannelOutputs, ASinkThatCannotBeWrittenLeavesTheOtherOutputsGoing) {
   root.WriteFile("/var/run/trove", "a file where the sink folder belongs");
-  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + PlainFile("console.txt")}});
+  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + console}});
   EXPECT_EQ(run.exitStatus, 0);
   auto leftOut = [&](const std::string& node) {
     return "Channel output files (" + root.Path("/var/run/trove/" + node) + ".log) left out: Not a directory\n";

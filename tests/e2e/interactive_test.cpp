@@ -18,10 +18,8 @@ namespace {
 
 TEST(Interactive, TheOperatorSkipsExecutesThenContinues) {
   HostRoot root;
-  root.WritePlugin("a.json", JsonPlugin({"a"}, {}, {"mark --name a"}));
-  root.WritePlugin("b.json", JsonPlugin({"b"}, {"a"}, {"mark --name b"}));
-  root.WritePlugin("c-with-a-long-name.json", JsonPlugin({"c"}, {"b"}, {"mark --name c"}));
-  root.WritePlugin("d.json", JsonPlugin({"d"}, {"c"}, {"mark --name d"}));
+  root.WritePlugins({{"a", {"a"}, {}, {"mark --name a"}}, {"b", {"b"}, {"a"}, {"mark --name b"}},
+                     {"c-with-a-long-name", {"c"}, {"b"}, {"mark --name c"}}, {"d", {"d"}, {"c"}, {"mark --name d"}}});
   int terminal = -1;
   pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
   ASSERT_GE(child, 0);
@@ -55,10 +53,11 @@ TEST(Interactive, TheOperatorSkipsExecutesThenContinues) {
 
   // a was passed over by the worker layer, then finished as a success; the others ran,
   // d without a prompt.
-  EXPECT_EQ(root.Marks(), (std::vector<std::string>{"--name=b", "--name=c", "--name=d"}));
-  std::vector<std::string> kernel = root.Channel("kernel");
-  EXPECT_GT(IndexOf(kernel, "Bootstrand plugin a activated."), IndexOf(kernel, "Bootstrand plugin a skipped."));
-  EXPECT_GE(IndexOf(kernel, "Bootstrand plugin a skipped."), 0);
+  EXPECT_EQ(root.Marks(), (Lines{"--name=b", "--name=c", "--name=d"}));
+  Lines kernel = root.Channel("kernel");
+  int skipped = IndexOf(kernel, "Bootstrand plugin a skipped.");
+  EXPECT_GE(skipped, 0);
+  EXPECT_GT(IndexOf(kernel, "Bootstrand plugin a activated."), skipped);
   EXPECT_EQ(output.find(kHideCursor, prompts.back() + 1), std::string::npos) << output;
   // The first prompt whole, and the line redrawn with the answer.
   EXPECT_NE(output.find("\x1b[36ma\x1b[0m: \x1b[35m(c)ontinue\x1b[0m \x1b[32m(e)xecute\x1b[0m "

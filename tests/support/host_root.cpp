@@ -72,8 +72,8 @@ std::string HostRoot::ReadFile(const std::string& hostPath) const {
 
 bool HostRoot::Exists(const std::string& hostPath) const { return access(Path(hostPath).c_str(), F_OK) == 0; }
 
-std::vector<std::string> HostRoot::Lines(const std::string& hostPath) const {
-  std::vector<std::string> lines;
+Lines HostRoot::ReadLines(const std::string& hostPath) const {
+  Lines lines;
   std::ifstream file(Path(hostPath));
   for (std::string line; std::getline(file, line);) lines.push_back(line);
   return lines;
@@ -94,25 +94,30 @@ void HostRoot::WritePlugin(const std::string& fileName, const nlohmann::json& pl
   WriteFile(folder + fileName, plugin.dump(2));
 }
 
+void HostRoot::WritePlugins(const std::vector<PluginFile>& plugins, int directory) const {
+  for (const PluginFile& plugin : plugins) {
+    WritePlugin(plugin.name + ".json", JsonPlugin(plugin.provides, plugin.requires_, plugin.start, plugin.metadata),
+                directory);
+  }
+}
+
 void HostRoot::WriteCommand(const std::string& commandPath, const std::string& script) const {
   std::string relative = commandPath;
   std::replace(relative.begin(), relative.end(), ' ', '/');
   WriteFile("/usr/lib/tessary/cormcli/" + relative, "#!/bin/sh\n" + script + "\n", 0755);
 }
 
-std::vector<std::string> HostRoot::Channel(const std::string& channel) const {
-  return ChannelMessages(root_, channel);
-}
+Lines HostRoot::Channel(const std::string& channel) const { return ChannelMessages(root_, channel); }
 
-std::vector<std::string> ChannelMessages(const std::string& root, const std::string& channel) {
-  std::vector<std::string> messages;
+Lines ChannelMessages(const std::string& root, const std::string& channel) {
+  Lines messages;
   std::ifstream sink(root + "/var/run/trove/" + kChannelNodes.at(channel) + ".log");
   for (std::string record; std::getline(sink, record);) messages.push_back(Unescape(record));
   return messages;
 }
 
-nlohmann::json JsonPlugin(const std::vector<std::string>& provides, const std::vector<std::string>& requires_,
-                          const std::vector<std::string>& start, const nlohmann::json& extraMetadata) {
+nlohmann::json JsonPlugin(const Lines& provides, const Lines& requires_, const Lines& start,
+                          const nlohmann::json& extraMetadata) {
   nlohmann::json metadata = {{"provides", provides}, {"requires", requires_}, {"version", 1}};
   if (extraMetadata.is_object()) metadata.update(extraMetadata);
   return {{"metadata", metadata}, {"operations", {{"start", start}}}};
@@ -185,7 +190,7 @@ std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory) {
   return files;
 }
 
-int IndexOf(const std::vector<std::string>& lines, const std::string& needle) {
+int IndexOf(const Lines& lines, const std::string& needle) {
   auto found = std::find(lines.begin(), lines.end(), needle);
   return found == lines.end() ? -1 : static_cast<int>(found - lines.begin());
 }
