@@ -20,10 +20,9 @@ std::regex TimingLog(const Lines& plugins) {
   return std::regex(pattern + "=== Bootstrand configuration info ===\n Start: " + stamp + "\n End: " + stamp + "\n");
 }
 
-// The whole transcript of a serial boot through real workers, with a failing
-// provider whose dependants still run, and a preemptive JSON plugin that its worker
-// skips since preemption is disabled. Orders and outcomes of every kind are the
-// scheduler's own tests; this is what the processes add to them.
+// The whole transcript of a serial boot through real workers: a failing command,
+// whose plugin runs its next one and whose dependants still run, and a preemptive
+// plugin that its worker skips since preemption is disabled.
 TEST(Activation, ASerialBootThroughRealWorkers) {
   HostRoot root;
   root.WriteCommand("fail", "echo \"disk missing\" >&2\necho \"second line\" >&2\nexit 4");
@@ -32,7 +31,6 @@ TEST(Activation, ASerialBootThroughRealWorkers) {
                      {"q", {"dhcp"}, {}, {Mark("q")}}});
   RunResult run = RunBootstrand(root, {"--max-workers", "1", "--time-ops", "--disable-preemptive-plugins"});
   ASSERT_EQ(run.exitStatus, 0) << run.err;
-  // The failing command did not stop the next one of the same plugin.
   EXPECT_EQ(root.Marks(), (Lines{"--name=c", "--name=b", "--name=a", "--name=q"}));
   EXPECT_EQ(root.Channel("kernel"),
             (Lines{"Activating Bootstrand plugin c.", "Applying start on plugin c", "Bootstrand plugin c activated.",
@@ -52,7 +50,6 @@ TEST(Activation, ASerialBootThroughRealWorkers) {
                            "b: second line\n", " cormcli mark --name c\n"}) {
     EXPECT_NE(log.find(line), std::string::npos) << line << log;
   }
-  // One line per plugin that ran, in the order they ended, and the summary.
   EXPECT_TRUE(std::regex_match(root.ReadFile("/var/log/sysboot.log"), TimingLog({"c", "b", "a", "p", "q",
                                                                                  "end-autoconf"})));
 }
@@ -69,15 +66,14 @@ TEST(Activation, UnmetDependenciesStopTheRunAtOnceWithTheCycle) {
   EXPECT_EQ(run.exitStatus, 3);
   EXPECT_EQ(root.Channel("alert"), Lines{"Bootstrand has unmet dependencies!"});
   Lines kernel = root.Channel("kernel");
-  ASSERT_FALSE(kernel.empty());
-  EXPECT_EQ(kernel.back(), "b c b ");
+  EXPECT_EQ(kernel.empty() ? "" : kernel.back(), "b c b ");
   EXPECT_EQ(root.Marks(), Lines{"--name=d"});
   EXPECT_EQ(root.Channel("progress"), Lines{"Activating Bootstrand Plugins: "});
   EXPECT_EQ(root.ReadFile("/var/log/sysboot.log").find("=== Bootstrand configuration info ==="), std::string::npos);
 }
 
-// End-autoconf reports each failure of the configuration store and still succeeds.
-// One worker only: no two plugins were ever active together.
+// One worker only: no two plugins active together. End-autoconf reports each
+// failure of the configuration store and still succeeds.
 TEST(Activation, AStatelessHostHoldsHostProfilesBackUntilTheConfigurationIsRestored) {
   HostRoot root;
   root.WriteFile("/stateless.tgz", "");
@@ -119,21 +115,11 @@ TEST(Activation, ADryRunShowsThePluginsAndExecutesNothing) {
                      {"q", {"q"}, {}, {Mark("q")}}});
   RunResult run = RunBootstrand(root, {"--dry", "--disable", "q", "--max-workers", "1"});
   ASSERT_EQ(run.exitStatus, 0) << run.err;
-  for (const std::string& write : run.outWrites) EXPECT_EQ(write.find('\n'), write.size() - 1) << write;
-  EXPECT_GE(IndexOf(run.outWrites, "a: start\n"), 0);
-  EXPECT_GE(IndexOf(run.outWrites, "b: start\n"), 0);
+  EXPECT_EQ(run.outWrites, (Lines{"a: start\n", "b: start\n"}));
   EXPECT_TRUE(root.Marks().empty());
   EXPECT_FALSE(root.Exists("/var/lib/configstore/calls.log"));
   EXPECT_EQ(root.Channel("alert"), Lines{"Bootstrand plugin a activation failed."});
   EXPECT_TRUE(std::regex_match(root.ReadFile("/var/log/sysboot.log"), TimingLog({"q"})));
-}
-
-TEST(Activation, AnEmptyPluginListStartsNoWorker) {
-  HostRoot root;
-  ASSERT_EQ(RunBootstrand(root, {"--plugin", "/nowhere.json"}).exitStatus, 0);
-  EXPECT_EQ(root.Channel("progress"), (Lines{"Activating Bootstrand Plugins: ", "All bootstrand plugins activated"}));
-  EXPECT_EQ(root.Channel("status"), Lines{""});
-  EXPECT_FALSE(root.Exists("/var/log/sysboot.log"));
 }
 
 // A failure that the logging set-up throws ends the run (where the leak checker of a

@@ -1,12 +1,14 @@
 // The outputs of the message channels that BOOTSTRAND_CHANNELS chooses, each boot in a
-// temporary root: the console as a pseudo-terminal and as a plain file, kernel log
-// records written to a plain file, --quiet, a console that cannot be opened, a sink
-// that cannot be written, and the default for a root under another folder. Every run
-// names its outputs with paths inside its root: nothing reaches the machine's console,
-// kernel log or system log. The console shared with the prompt is in interactive_test.
+// temporary root: the console as a pseudo-terminal (shared with the interactive
+// prompt) and as a plain file, kernel log records written to a plain file, --quiet, a
+// console that cannot be opened, a sink that cannot be written, and the default for a
+// root under another folder. Every run names its outputs with paths inside its root:
+// nothing reaches the machine's console, kernel log or system log.
 #include <gtest/gtest.h>
 
 #include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -55,51 +57,39 @@ class ChannelOutputs : public ::testing::Test {
 
 // A root under another folder defaults to the sink files only; the console output's
 // default device is then BOOTSTRAND_CONSOLE's, a file here, which must stay empty.
-// With a console listed, the sink files are written as without one.
-TEST_F(ChannelOutputs, TheConsoleShowsALiveLineOnATerminalAndPlainLinesInAFile) {
+// With a terminal of 24 columns listed as console, the sink files are written as
+// without it and the live line is cut to 23 characters, so that it never wraps.
+TEST_F(ChannelOutputs, TheConsoleShowsALiveLineOnATerminal) {
   std::map<std::string, Lines> sinks;
   for (const std::string& prefix : {root.Root() + "//", root.Root()}) {
     RunResult run = Boot({{"BOOTSTRAND_ROOT", prefix}, {"BOOTSTRAND_CONSOLE", console}});
     ASSERT_EQ(run.exitStatus, 0) << run.err;
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(root.ReadFile("/console.txt"), "");
+    EXPECT_EQ(run.err + root.ReadFile("/console.txt"), "");
     sinks = Sinks();
     EXPECT_EQ(sinks["progress"], (Lines{"Activating Bootstrand Plugins: ", "All bootstrand plugins activated"}));
   }
-  // 24 columns: the live line is cut to 23 characters, so that it never wraps.
-  const std::pair<bool, std::string> cases[] = {
-      {true,
-       "Activating Bootstrand Plugins: \r\n"
-       "\r\x1b[K[0/2] activating: a"
-       "\r\x1b[K[1/2] activating: b-fai"
-       "\r\x1b[KBootstrand plugin b-fails-with-a-long-name activation failed.\r\n[1/2] activating: b-fai"
-       "\r\x1b[K"
-       "All bootstrand plugins activated\r\n"},
-      {false, kPlainConsole},
-  };
-  for (const auto& [onTerminal, expected] : cases) {
-    int terminal = -1, device = -1;
-    winsize size{24, 24, 0, 0};
-    std::string shown, output = console;
-    if (onTerminal) {
-      ASSERT_EQ(openpty(&terminal, &device, nullptr, nullptr, &size), 0);
-      termios attributes{};
-      tcgetattr(device, &attributes);
-      cfmakeraw(&attributes);  // every byte as the program wrote it
-      tcsetattr(device, TCSANOW, &attributes);
-      output = ttyname(device);
-    }
-    RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + output}});
-    if (onTerminal) {
-      close(device);
-      ReadToEnd(terminal, shown, Clock::now() + std::chrono::seconds(10));
-      close(terminal);
-    }
-    EXPECT_EQ(run.exitStatus, 0);
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(onTerminal ? shown : root.ReadFile("/console.txt"), expected) << (onTerminal ? "terminal" : "file");
-    EXPECT_EQ(Sinks(), sinks);
-  }
+  int terminal = -1, device = -1;
+  winsize size{24, 24, 0, 0};
+  ASSERT_EQ(openpty(&terminal, &device, nullptr, nullptr, &size), 0);
+  termios attributes{};
+  tcgetattr(device, &attributes);
+  cfmakeraw(&attributes);  // every byte as the program wrote it
+  tcsetattr(device, TCSANOW, &attributes);
+  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", std::string("files,console=") + ttyname(device)}});
+  close(device);
+  std::string shown;
+  ReadToEnd(terminal, shown, Clock::now() + std::chrono::seconds(10));
+  close(terminal);
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(shown,
+            "Activating Bootstrand Plugins: \r\n"
+            "\r\x1b[K[0/2] activating: a"
+            "\r\x1b[K[1/2] activating: b-fai"
+            "\r\x1b[KBootstrand plugin b-fails-with-a-long-name activation failed.\r\n[1/2] activating: b-fai"
+            "\r\x1b[K"
+            "All bootstrand plugins activated\r\n");
+  EXPECT_EQ(Sinks(), sinks);
 }
 
 // A console that cannot be opened is left out with one message; the kernel log takes
@@ -125,8 +115,8 @@ TEST_F(ChannelOutputs, KernelLogRecordsCarryThePriorityOfTheirChannel) {
   EXPECT_FALSE(root.Exists("/var/run/trove"));
 }
 
-// Each channel the console takes reports its sink once and goes on; the kernel
-// channel, which reached nothing, fails as it does with the sink files alone.
+// Each channel the console, a plain file, takes reports its sink once and goes on;
+// the kernel channel, which reached nothing, fails as it does with the sink files alone.
 TEST_F(ChannelOutputs, ASinkThatCannotBeWrittenLeavesTheOtherOutputsGoing) {
   root.WriteFile("/var/run/trove", "a file where the sink folder belongs");
   RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + console}});
@@ -137,6 +127,63 @@ TEST_F(ChannelOutputs, ASinkThatCannotBeWrittenLeavesTheOtherOutputsGoing) {
   EXPECT_EQ(run.err, leftOut("system.progressTerm.progressText") + "Failed to set Trove node.\n" +
                          leftOut("system.progressTerm.statusText") + leftOut("system.sysAlert"));
   EXPECT_EQ(root.ReadFile("/console.txt"), kPlainConsole);
+}
+
+// Through a pseudo-terminal that is also the console, the operator skips the first
+// plugin, executes the second and lets the rest run without being asked again.
+TEST(Interactive, TheOperatorSkipsExecutesThenContinues) {
+  HostRoot root;
+  root.WritePlugins({{"a", {"a"}, {}, {"mark --name a"}}, {"b", {"b"}, {"a"}, {"mark --name b"}},
+                     {"c-with-a-long-name", {"c"}, {"b"}, {"mark --name c"}}, {"d", {"d"}, {"c"}, {"mark --name d"}}});
+  int terminal = -1;
+  pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    setenv("BOOTSTRAND_ROOT", root.Root().c_str(), 1);
+    setenv("BOOTSTRAND_MAIN_MEMORY", "17179869184", 1);
+    setenv("BOOTSTRAND_CONSOLE", "/dev/null", 1);
+    setenv("BOOTSTRAND_CHANNELS", (std::string("files,console=") + ttyname(STDIN_FILENO)).c_str(), 1);
+    execl(BOOTSTRAND_BINARY, BOOTSTRAND_BINARY, "--interactive", "--plugin",
+          "a.json,b.json,c-with-a-long-name.json,d.json", nullptr);
+    _exit(127);
+  }
+  // Each prompt ends by hiding the cursor until the key comes.
+  const std::string kHideCursor = "\x1b[?25l";
+  std::string output;
+  std::vector<std::size_t> prompts;
+  for (char key : std::string("sec")) {
+    std::size_t from = output.size();
+    auto prompted = [&](const std::string& so_far) { return so_far.find(kHideCursor, from) != std::string::npos; };
+    ReadUntil(terminal, output, Clock::now() + std::chrono::seconds(20), prompted);
+    if (!prompted(output) || write(terminal, &key, 1) != 1) break;
+    prompts.push_back(output.find(kHideCursor, from));
+  }
+  ReadToEnd(terminal, output, Clock::now() + std::chrono::seconds(20));
+  if (prompts.size() < 3) kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  close(terminal);
+  ASSERT_EQ(prompts.size(), 3u) << output;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+
+  // a was passed over by the worker layer, then finished as a success; the others ran,
+  // d without a prompt.
+  EXPECT_EQ(root.Marks(), (Lines{"--name=b", "--name=c", "--name=d"}));
+  Lines kernel = root.Channel("kernel");
+  int skipped = IndexOf(kernel, "Bootstrand plugin a skipped.");
+  EXPECT_GE(skipped, 0);
+  EXPECT_GT(IndexOf(kernel, "Bootstrand plugin a activated."), skipped);
+  EXPECT_EQ(output.find(kHideCursor, prompts.back() + 1), std::string::npos) << output;
+  // The first prompt whole, and the line redrawn with the answer.
+  EXPECT_NE(output.find("\x1b[36ma\x1b[0m: \x1b[35m(c)ontinue\x1b[0m \x1b[32m(e)xecute\x1b[0m "
+                        "\x1b[33m(t)roubleshoot\x1b[0m \x1b[31m(s)kip\x1b[0m\x1b[?25l\r"
+                        "\x1b[36ma\x1b[0m: \x1b[37m(c)ontinue\x1b[0m \x1b[37m(e)xecute\x1b[0m "
+                        "\x1b[37m(t)roubleshoot\x1b[0m \x1b[31m(s)kip\x1b[0m\x1b[?25h\r\n"),
+            std::string::npos)
+      << output;
+  // The prompt starts on a clean line of the console that shows the live line.
+  EXPECT_NE(output.find("[1/4] activating: b\r\x1b[K\x1b[36mc-with-a-long-name\x1b[0m: "), std::string::npos)
+      << output;
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -38,19 +39,15 @@ class HostRoot {
   void WriteFile(const std::string& hostPath, const std::string& contents, mode_t mode = 0644) const;
   std::string ReadFile(const std::string& hostPath) const;
   bool Exists(const std::string& hostPath) const;
-  // Lines of a file, without their newlines; empty when the file is missing.
-  Lines ReadLines(const std::string& hostPath) const;
+  Lines ReadLines(const std::string& hostPath) const;  // without newlines; none when the file is missing
   Lines Marks() const { return ReadLines("/order.log"); }
 
-  // The bundled example tree (plugins and commands), as the demo boots it.
-  void CopyExampleTree() const;
-  // A shared-object plugin built for the tests, into the first plugin directory.
-  void CopyTestPlugin(const std::string& file) const;
+  void CopyExampleTree() const;                        // the bundled example tree, as the demo boots it
+  void CopyTestPlugin(const std::string& file) const;  // a shared object built for the tests
   // Plugin files in the first (or second) plugin directory.
   void WritePlugin(const std::string& fileName, const nlohmann::json& plugin, int directory = 1) const;
   void WritePlugins(const std::vector<PluginFile>& plugins, int directory = 1) const;
-  // An executable shell script for a command path such as "network up", in the
-  // first command-definition directory.
+  // An executable shell script for a command path such as "network up".
   void WriteCommand(const std::string& commandPath, const std::string& script) const;
 
   // The messages delivered to a channel ("status", "alert", "progress", "kernel").
@@ -60,7 +57,6 @@ class HostRoot {
   std::string root_;
 };
 
-// The messages delivered to a channel of the host root `root`.
 Lines ChannelMessages(const std::string& root, const std::string& channel);
 
 nlohmann::json JsonPlugin(const Lines& provides, const Lines& requires_, const Lines& start,
@@ -74,9 +70,9 @@ struct RunResult {
   std::string err;
 };
 
-// Runs the bootstrand binary in `root` with `arguments`. The environment gets
-// BOOTSTRAND_ROOT and, unless `environment` says otherwise, 16 GiB of main memory and
-// "/dev/null" as the console device.
+// Runs the bootstrand binary in `root`. The environment gets BOOTSTRAND_ROOT and,
+// unless `environment` says otherwise, 16 GiB of main memory and "/dev/null" as the
+// console device; other BOOTSTRAND_ variables of the test process are left out.
 RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& arguments,
                         const std::map<std::string, std::string>& environment = {}, int timeoutSeconds = 60);
 // Runs another program (an operator tool, a shell) the same way.
@@ -88,6 +84,9 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
 std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory);
 
 // The index of `needle` in `lines`, or -1.
-int IndexOf(const Lines& lines, const std::string& needle);
+inline int IndexOf(const Lines& lines, const std::string& needle) {
+  auto found = std::find(lines.begin(), lines.end(), needle);
+  return found == lines.end() ? -1 : static_cast<int>(found - lines.begin());
+}
 
 }  // namespace bootstrand::testing
