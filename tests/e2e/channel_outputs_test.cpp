@@ -1,18 +1,19 @@
 // The outputs of the message channels that BOOTSTRAND_CHANNELS chooses, each boot in a
-// temporary root: the console as a pseudo-terminal and as a plain file, kernel log
-// records written to a plain file, --quiet, a console that cannot be opened, a sink
-// that cannot be written, and the default for a root under another folder. Every run
-// names its outputs with paths inside its root: nothing reaches the machine's console,
-// kernel log or system log. The console shared with the prompt is in interactive_test.
+// temporary root: the console as a pseudo-terminal (shared with the interactive
+// prompt) and as a plain file, kernel log records written to a plain file, --quiet, a
+// console that cannot be opened, a sink that cannot be written, and the default for a
+// root under another folder. Every run names its outputs with paths inside its root:
+// nothing reaches the machine's console, kernel log or system log.
 #include <gtest/gtest.h>
 
 #include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
-#include <map>
 
 #include "support/host_root.h"
 #include "support/read_until.h"
@@ -28,122 +29,97 @@ const char* const kPlainConsole =
     "All bootstrand plugins activated\n";
 
 // Plugin a succeeds; b-fails-with-a-long-name requires a and fails: one alert. One
-// worker and no built-in plugin make every run the same.
+// worker and no built-in plugin make every run the same (an empty argument is
+// ignored). Plain files in the root serve as console and kernel log.
 class ChannelOutputs : public ::testing::Test {
  protected:
   void SetUp() override {
     root.WriteCommand("broken", "exit 1");
-    root.WritePlugin("a.json", JsonPlugin({"a"}, {}, {"mark"}));
-    root.WritePlugin("b-fails-with-a-long-name.json", JsonPlugin({"b"}, {"a"}, {"broken"}));
+    root.WritePlugins({{"a", {"a"}, {}, {"mark"}}, {"b-fails-with-a-long-name", {"b"}, {"a"}, {"broken"}}});
+    for (const char* file : {"/console.txt", "/kmsg"}) root.WriteFile(file, "");
   }
 
-  RunResult Boot(const std::map<std::string, std::string>& environment, std::vector<std::string> extra = {}) {
-    std::vector<std::string> arguments = {"--max-workers", "1", "--plugin", "a.json,b-fails-with-a-long-name.json"};
-    arguments.insert(arguments.end(), extra.begin(), extra.end());
-    return RunBootstrand(root, arguments, environment);
+  RunResult Boot(const std::map<std::string, std::string>& environment, const std::string& extra = "") {
+    return RunBootstrand(root, {"--max-workers", "1", "--plugin", "a.json,b-fails-with-a-long-name.json", extra},
+                         environment);
   }
 
-  std::map<std::string, std::vector<std::string>> Sinks() const {
-    std::map<std::string, std::vector<std::string>> sinks;
+  std::map<std::string, Lines> Sinks() const {
+    std::map<std::string, Lines> sinks;
     for (const char* channel : {"status", "alert", "progress", "kernel"}) sinks[channel] = root.Channel(channel);
+    std::filesystem::remove_all(root.Path("/var/run/trove"));
     return sinks;
   }
 
-  // An empty plain file in the root, to serve as console or kernel log.
-  std::string PlainFile(const std::string& name) const {
-    root.WriteFile("/" + name, "");
-    return root.Path("/" + name);
-  }
-
   HostRoot root;
+  const std::string console = root.Path("/console.txt"), kmsg = root.Path("/kmsg");
 };
 
 // A root under another folder defaults to the sink files only; the console output's
 // default device is then BOOTSTRAND_CONSOLE's, a file here, which must stay empty.
-// With a console listed, the sink files are written as without one.
-TEST_F(ChannelOutputs, TheConsoleShowsALiveLineOnATerminalAndPlainLinesInAFile) {
-  std::string unused = PlainFile("unused.txt");
-  std::map<std::string, std::vector<std::string>> sinks;
+// With a terminal of 24 columns listed as console, the sink files are written as
+// without it and the live line is cut to 23 characters, so that it never wraps.
+TEST_F(ChannelOutputs, TheConsoleShowsALiveLineOnATerminal) {
+  std::map<std::string, Lines> sinks;
   for (const std::string& prefix : {root.Root() + "//", root.Root()}) {
-    std::filesystem::remove_all(root.Path("/var/run/trove"));
-    RunResult run = Boot({{"BOOTSTRAND_ROOT", prefix}, {"BOOTSTRAND_CONSOLE", unused}});
+    RunResult run = Boot({{"BOOTSTRAND_ROOT", prefix}, {"BOOTSTRAND_CONSOLE", console}});
     ASSERT_EQ(run.exitStatus, 0) << run.err;
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(root.Channel("progress").back(), "All bootstrand plugins activated");
-    EXPECT_EQ(root.ReadFile("/unused.txt"), "");
+    EXPECT_EQ(run.err + root.ReadFile("/console.txt"), "");
     sinks = Sinks();
+    EXPECT_EQ(sinks["progress"], (Lines{"Activating Bootstrand Plugins: ", "All bootstrand plugins activated"}));
   }
-  const std::pair<bool, std::string> cases[] = {
-      // 24 columns: the live line is cut to 23 characters, so that it never wraps.
-      {true,
-       "Activating Bootstrand Plugins: \r\n"
-       "\r\x1b[K[0/2] activating: a"
-       "\r\x1b[K[1/2] activating: b-fai"
-       "\r\x1b[KBootstrand plugin b-fails-with-a-long-name activation failed.\r\n[1/2] activating: b-fai"
-       "\r\x1b[K"
-       "All bootstrand plugins activated\r\n"},
-      {false, kPlainConsole},
-  };
-  for (const auto& [onTerminal, expected] : cases) {
-    std::filesystem::remove_all(root.Path("/var/run/trove"));
-    int terminal = -1, device = -1;
-    winsize size{24, 24, 0, 0};
-    std::string console = PlainFile("console.txt");
-    if (onTerminal) {
-      ASSERT_EQ(openpty(&terminal, &device, nullptr, nullptr, &size), 0);
-      termios attributes{};
-      tcgetattr(device, &attributes);
-      cfmakeraw(&attributes);  // every byte as the program wrote it
-      tcsetattr(device, TCSANOW, &attributes);
-      console = ttyname(device);
-    }
-    RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + console}});
-    std::string shown = onTerminal ? "" : root.ReadFile("/console.txt");
-    if (onTerminal) {
-      close(device);
-      ReadToEnd(terminal, shown, Clock::now() + std::chrono::seconds(10));
-      close(terminal);
-    }
-    EXPECT_EQ(run.exitStatus, 0);
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(shown, expected) << (onTerminal ? "terminal" : "plain file");
-    EXPECT_EQ(Sinks(), sinks);
-  }
+  int terminal = -1, device = -1;
+  winsize size{24, 24, 0, 0};
+  ASSERT_EQ(openpty(&terminal, &device, nullptr, nullptr, &size), 0);
+  termios attributes{};
+  tcgetattr(device, &attributes);
+  cfmakeraw(&attributes);  // every byte as the program wrote it
+  tcsetattr(device, TCSANOW, &attributes);
+  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", std::string("files,console=") + ttyname(device)}});
+  close(device);
+  std::string shown;
+  ReadToEnd(terminal, shown, Clock::now() + std::chrono::seconds(10));
+  close(terminal);
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(shown,
+            "Activating Bootstrand Plugins: \r\n"
+            "\r\x1b[K[0/2] activating: a"
+            "\r\x1b[K[1/2] activating: b-fai"
+            "\r\x1b[KBootstrand plugin b-fails-with-a-long-name activation failed.\r\n[1/2] activating: b-fai"
+            "\r\x1b[K"
+            "All bootstrand plugins activated\r\n");
+  EXPECT_EQ(Sinks(), sinks);
 }
 
-// A console that cannot be opened is left out with one message; the kernel log, a
-// plain file here, takes the daemon facility: alerts at warning (4), kernel-channel
-// lines at info (6).
+// A console that cannot be opened is left out with one message; the kernel log takes
+// the daemon facility: alerts at warning (4), kernel-channel lines at info (6). With
+// --quiet no output gets anything.
 TEST_F(ChannelOutputs, KernelLogRecordsCarryThePriorityOfTheirChannel) {
   std::string missing = root.Path("/no/such/tty");
-  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "kmsg=" + PlainFile("kmsg") + ",console=" + missing}});
+  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "kmsg=" + kmsg + ",console=" + missing}});
   EXPECT_EQ(run.exitStatus, 0);
   EXPECT_EQ(run.err, "Channel output console=" + missing + " left out: No such file or directory\n");
-  EXPECT_EQ(root.Lines("/kmsg"), (std::vector<std::string>{
-                                     "<30>Pellam2: Activating Bootstrand plugin a.",
-                                     "<30>Pellam2: Applying start on plugin a",
-                                     "<30>Pellam2: Bootstrand plugin a activated.",
-                                     "<30>Pellam2: Activating Bootstrand plugin b-fails-with-a-long-name.",
-                                     "<30>Pellam2: Applying start on plugin b-fails-with-a-long-name",
-                                     "<28>Pellam2: Bootstrand plugin b-fails-with-a-long-name activation failed.",
-                                 }));
+  EXPECT_EQ(root.ReadLines("/kmsg"), (Lines{"<30>Pellam2: Activating Bootstrand plugin a.",
+                                            "<30>Pellam2: Applying start on plugin a",
+                                            "<30>Pellam2: Bootstrand plugin a activated.",
+                                            "<30>Pellam2: Activating Bootstrand plugin b-fails-with-a-long-name.",
+                                            "<30>Pellam2: Applying start on plugin b-fails-with-a-long-name",
+                                            "<28>Pellam2: Bootstrand plugin b-fails-with-a-long-name activation "
+                                            "failed."}));
   EXPECT_FALSE(root.Exists("/var/run/trove")) << "files was not listed";
-}
-
-TEST_F(ChannelOutputs, QuietSilencesEveryOutput) {
-  std::string outputs = "files,console=" + PlainFile("console.txt") + ",kmsg=" + PlainFile("kmsg");
-  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", outputs}}, {"--quiet"});
+  root.WriteFile("/kmsg", "");
+  run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + console + ",kmsg=" + kmsg}}, "--quiet");
   ASSERT_EQ(run.exitStatus, 0) << run.err;
-  EXPECT_EQ(run.err, "");
-  EXPECT_EQ(root.ReadFile("/console.txt") + root.ReadFile("/kmsg"), "");
+  EXPECT_EQ(run.err + root.ReadFile("/console.txt") + root.ReadFile("/kmsg"), "");
   EXPECT_FALSE(root.Exists("/var/run/trove"));
 }
 
-// Each channel the console takes reports its sink once and goes on; the kernel
-// channel, which reached nothing, fails as it does with the sink files alone.
+// Each channel the console, a plain file, takes reports its sink once and goes on;
+// the kernel channel, which reached nothing, fails as it does with the sink files alone.
 TEST_F(ChannelOutputs, ASinkThatCannotBeWrittenLeavesTheOtherOutputsGoing) {
   root.WriteFile("/var/run/trove", "a file where the sink folder belongs");
-  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + PlainFile("console.txt")}});
+  RunResult run = Boot({{"BOOTSTRAND_CHANNELS", "files,console=" + console}});
   EXPECT_EQ(run.exitStatus, 0);
   auto leftOut = [&](const std::string& node) {
     return "Channel output files (" + root.Path("/var/run/trove/" + node) + ".log) left out: Not a directory\n";
@@ -151,6 +127,63 @@ TEST_F(ChannelOutputs, ASinkThatCannotBeWrittenLeavesTheOtherOutputsGoing) {
   EXPECT_EQ(run.err, leftOut("system.progressTerm.progressText") + "Failed to set Trove node.\n" +
                          leftOut("system.progressTerm.statusText") + leftOut("system.sysAlert"));
   EXPECT_EQ(root.ReadFile("/console.txt"), kPlainConsole);
+}
+
+// Through a pseudo-terminal that is also the console, the operator skips the first
+// plugin, executes the second and lets the rest run without being asked again.
+TEST(Interactive, TheOperatorSkipsExecutesThenContinues) {
+  HostRoot root;
+  root.WritePlugins({{"a", {"a"}, {}, {"mark --name a"}}, {"b", {"b"}, {"a"}, {"mark --name b"}},
+                     {"c-with-a-long-name", {"c"}, {"b"}, {"mark --name c"}}, {"d", {"d"}, {"c"}, {"mark --name d"}}});
+  int terminal = -1;
+  pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    setenv("BOOTSTRAND_ROOT", root.Root().c_str(), 1);
+    setenv("BOOTSTRAND_MAIN_MEMORY", "17179869184", 1);
+    setenv("BOOTSTRAND_CONSOLE", "/dev/null", 1);
+    setenv("BOOTSTRAND_CHANNELS", (std::string("files,console=") + ttyname(STDIN_FILENO)).c_str(), 1);
+    execl(BOOTSTRAND_BINARY, BOOTSTRAND_BINARY, "--interactive", "--plugin",
+          "a.json,b.json,c-with-a-long-name.json,d.json", nullptr);
+    _exit(127);
+  }
+  // Each prompt ends by hiding the cursor until the key comes.
+  const std::string kHideCursor = "\x1b[?25l";
+  std::string output;
+  std::vector<std::size_t> prompts;
+  for (char key : std::string("sec")) {
+    std::size_t from = output.size();
+    auto prompted = [&](const std::string& so_far) { return so_far.find(kHideCursor, from) != std::string::npos; };
+    ReadUntil(terminal, output, Clock::now() + std::chrono::seconds(20), prompted);
+    if (!prompted(output) || write(terminal, &key, 1) != 1) break;
+    prompts.push_back(output.find(kHideCursor, from));
+  }
+  ReadToEnd(terminal, output, Clock::now() + std::chrono::seconds(20));
+  if (prompts.size() < 3) kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  close(terminal);
+  ASSERT_EQ(prompts.size(), 3u) << output;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+
+  // a was passed over by the worker layer, then finished as a success; the others ran,
+  // d without a prompt.
+  EXPECT_EQ(root.Marks(), (Lines{"--name=b", "--name=c", "--name=d"}));
+  Lines kernel = root.Channel("kernel");
+  int skipped = IndexOf(kernel, "Bootstrand plugin a skipped.");
+  EXPECT_GE(skipped, 0);
+  EXPECT_GT(IndexOf(kernel, "Bootstrand plugin a activated."), skipped);
+  EXPECT_EQ(output.find(kHideCursor, prompts.back() + 1), std::string::npos) << output;
+  // The first prompt whole, and the line redrawn with the answer.
+  EXPECT_NE(output.find("\x1b[36ma\x1b[0m: \x1b[35m(c)ontinue\x1b[0m \x1b[32m(e)xecute\x1b[0m "
+                        "\x1b[33m(t)roubleshoot\x1b[0m \x1b[31m(s)kip\x1b[0m\x1b[?25l\r"
+                        "\x1b[36ma\x1b[0m: \x1b[37m(c)ontinue\x1b[0m \x1b[37m(e)xecute\x1b[0m "
+                        "\x1b[37m(t)roubleshoot\x1b[0m \x1b[31m(s)kip\x1b[0m\x1b[?25h\r\n"),
+            std::string::npos)
+      << output;
+  // The prompt starts on a clean line of the console that shows the live line.
+  EXPECT_NE(output.find("[1/4] activating: b\r\x1b[K\x1b[36mc-with-a-long-name\x1b[0m: "), std::string::npos)
+      << output;
 }
 
 }  // namespace

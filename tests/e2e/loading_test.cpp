@@ -16,8 +16,8 @@ namespace {
 const std::string kFirst = "/usr/libexec/bootstrand/plugins/";
 
 // Plugin names in load order, as the provides query lists them.
-std::vector<std::string> LoadOrder(const RunResult& run) {
-  std::vector<std::string> names;
+Lines LoadOrder(const RunResult& run) {
+  Lines names;
   std::istringstream lines(run.out);
   for (std::string line; std::getline(lines, line);) names.push_back(line.substr(0, line.find(':')));
   return names;
@@ -25,30 +25,26 @@ std::vector<std::string> LoadOrder(const RunResult& run) {
 
 TEST(Loading, ListsRegularFilesOfBothDirectoriesInByteOrder) {
   HostRoot root;
-  root.WritePlugin("b.json", JsonPlugin({"b"}, {}, {}));
-  root.WritePlugin("a.json", JsonPlugin({"a"}, {}, {}));
-  root.WritePlugin("0.json", JsonPlugin({"zero"}, {}, {}), 2);
-  root.WritePlugin(".hidden.json", JsonPlugin({"hidden"}, {}, {}));
-  root.WritePlugin("sub.json/inner.json", JsonPlugin({"inner"}, {}, {}));
+  root.WritePlugins({{"b", {"b"}, {}}, {"a", {"a"}, {}}, {".hidden", {"hidden"}, {}}, {"sub.json/inner", {"in"}, {}}});
+  root.WritePlugins({{"0", {"zero"}, {}}}, 2);
   ASSERT_EQ(symlink(root.Path(kFirst + "a.json").c_str(), root.Path(kFirst + "link.json").c_str()), 0);
   root.WriteFile(kFirst + "README", "not a plugin");
   root.WriteFile(kFirst + "broken.json", "{ nope");
 
   RunResult run = RunBootstrand(root, {"--provides"});
   ASSERT_EQ(run.exitStatus, 0);
-  EXPECT_EQ(LoadOrder(run), (std::vector<std::string>{"end-autoconf", "a", "b", "0"}));
+  EXPECT_EQ(LoadOrder(run), (Lines{"end-autoconf", "a", "b", "0"}));
   EXPECT_EQ(run.err, "Skipping " + kFirst + "README: unknown type\nSkipping " + kFirst +
                          "broken.json: 'value' is not a 'JsonObject'\n");
+  const std::string exception = "exception occurred whilst loading plugin " + kFirst;
   EXPECT_EQ(root.Channel("kernel"),
-            (std::vector<std::string>{"exception occurred whilst loading plugin " + kFirst + "README: unknown type",
-                                      "exception occurred whilst loading plugin " + kFirst +
-                                          "broken.json: 'value' is not a 'JsonObject'"}));
+            (Lines{exception + "README: unknown type", exception + "broken.json: 'value' is not a 'JsonObject'"}));
 }
 
 TEST(Loading, NamedPluginsAreSearchedInBothDirectoriesWithoutTheBuiltin) {
   HostRoot root;
-  root.WritePlugin("a.json", JsonPlugin({"a"}, {}, {}), 2);
-  root.WritePlugin("b.json", JsonPlugin({"b"}, {}, {}));
+  root.WritePlugins({{"a", {"a"}, {}}}, 2);
+  root.WritePlugins({{"b", {"b"}, {}}});
   root.WriteFile("/opt/c.json", JsonPlugin({"c"}, {}, {}).dump());
   RunResult run = RunBootstrand(root, {"--provides", "--plugin", "a.json,/opt/c.json"});
   ASSERT_EQ(run.exitStatus, 0);
@@ -66,7 +62,7 @@ TEST(Loading, NamedPluginsAreSearchedInBothDirectoriesWithoutTheBuiltin) {
 TEST(Loading, ASeedShufflesTheOrderReproducibly) {
   HostRoot root;
   for (char name = 'a'; name <= 'l'; ++name) root.WritePlugin(std::string(1, name) + ".json", JsonPlugin({}, {}, {}));
-  std::map<std::string, std::vector<std::string>> orders;
+  std::map<std::string, Lines> orders;
   for (const char* seed : {"0", "1", "2147483647", "2"}) {
     orders[seed] = LoadOrder(RunBootstrand(root, {"--provides", "--randomize", seed}));
   }
@@ -75,11 +71,9 @@ TEST(Loading, ASeedShufflesTheOrderReproducibly) {
   EXPECT_NE(orders["1"], orders["2"]);
   EXPECT_TRUE(std::is_sorted(orders["0"].begin() + 1, orders["0"].end()));  // 0: no shuffle
   EXPECT_EQ(orders["1"].front(), "end-autoconf");
-  EXPECT_EQ(root.Channel("kernel"), (std::vector<std::string>{
-                                        "Bootstrand is randomizing iteration order using seed: 1",
-                                        "Bootstrand is randomizing iteration order using seed: 2147483647",
-                                        "Bootstrand is randomizing iteration order using seed: 2",
-                                    }));
+  EXPECT_EQ(root.Channel("kernel"), (Lines{"Bootstrand is randomizing iteration order using seed: 1",
+                                            "Bootstrand is randomizing iteration order using seed: 2147483647",
+                                            "Bootstrand is randomizing iteration order using seed: 2"}));
 }
 
 }  // namespace

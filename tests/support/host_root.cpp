@@ -9,8 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -21,26 +19,6 @@
 extern char** environ;
 
 namespace bootstrand::testing {
-
-namespace {
-
-const std::map<std::string, std::string> kChannelNodes = {
-    {"status", "system.progressTerm.statusText"}, {"alert", "system.sysAlert"},
-    {"progress", "system.progressTerm.progressText"}, {"kernel", "system.log"}};
-
-// A sink record is one line: a backslash and "n" stand for a newline, a backslash and
-// any other character for that character.
-std::string Unescape(const std::string& record) {
-  std::string text;
-  for (std::size_t i = 0; i < record.size(); ++i) {
-    bool escaped = record[i] == '\\' && i + 1 < record.size();
-    char c = record[escaped ? ++i : i];
-    text += escaped && c == 'n' ? '\n' : c;
-  }
-  return text;
-}
-
-}  // namespace
 
 HostRoot::HostRoot() {
   char pattern[] = "/tmp/bootstrand-root-XXXXXX";
@@ -58,10 +36,9 @@ HostRoot::~HostRoot() {
 }
 
 void HostRoot::WriteFile(const std::string& hostPath, const std::string& contents, mode_t mode) const {
-  std::string path = Path(hostPath);
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::trunc) << contents;
-  chmod(path.c_str(), mode);
+  std::filesystem::create_directories(std::filesystem::path(Path(hostPath)).parent_path());
+  std::ofstream(Path(hostPath), std::ios::trunc) << contents;
+  chmod(Path(hostPath).c_str(), mode);
 }
 
 std::string HostRoot::ReadFile(const std::string& hostPath) const {
@@ -72,26 +49,31 @@ std::string HostRoot::ReadFile(const std::string& hostPath) const {
 
 bool HostRoot::Exists(const std::string& hostPath) const { return access(Path(hostPath).c_str(), F_OK) == 0; }
 
-std::vector<std::string> HostRoot::Lines(const std::string& hostPath) const {
-  std::vector<std::string> lines;
+Lines HostRoot::ReadLines(const std::string& hostPath) const {
+  Lines lines;
   std::ifstream file(Path(hostPath));
   for (std::string line; std::getline(file, line);) lines.push_back(line);
   return lines;
 }
 
 void HostRoot::CopyExampleTree() const {
-  std::filesystem::copy(std::string(BOOTSTRAND_EXAMPLES_DIR) + "/tree", root_,
+  std::filesystem::copy(BOOTSTRAND_EXAMPLES_DIR "/tree", root_,
                         std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing);
 }
 
 void HostRoot::CopyTestPlugin(const std::string& file) const {
-  std::filesystem::copy_file(std::string(BOOTSTRAND_TEST_PLUGIN_DIR) + "/" + file,
-                             Path("/usr/libexec/bootstrand/plugins/" + file));
+  std::filesystem::copy_file(BOOTSTRAND_TEST_PLUGIN_DIR "/" + file, Path("/usr/libexec/bootstrand/plugins/" + file));
 }
 
 void HostRoot::WritePlugin(const std::string& fileName, const nlohmann::json& plugin, int directory) const {
-  std::string folder = directory == 1 ? "/usr/libexec/bootstrand/plugins/" : "/usr/libexec/bootstrand/plugins2/";
-  WriteFile(folder + fileName, plugin.dump(2));
+  WriteFile(std::string("/usr/libexec/bootstrand/plugins") + (directory == 1 ? "/" : "2/") + fileName, plugin.dump(2));
+}
+
+void HostRoot::WritePlugins(const std::vector<PluginFile>& plugins, int directory) const {
+  for (const PluginFile& plugin : plugins) {
+    WritePlugin(plugin.name + ".json", JsonPlugin(plugin.provides, plugin.requires_, plugin.start, plugin.metadata),
+                directory);
+  }
 }
 
 void HostRoot::WriteCommand(const std::string& commandPath, const std::string& script) const {
@@ -100,19 +82,29 @@ void HostRoot::WriteCommand(const std::string& commandPath, const std::string& s
   WriteFile("/usr/lib/tessary/cormcli/" + relative, "#!/bin/sh\n" + script + "\n", 0755);
 }
 
-std::vector<std::string> HostRoot::Channel(const std::string& channel) const {
-  return ChannelMessages(root_, channel);
-}
+Lines HostRoot::Channel(const std::string& channel) const { return ChannelMessages(root_, channel); }
 
-std::vector<std::string> ChannelMessages(const std::string& root, const std::string& channel) {
-  std::vector<std::string> messages;
-  std::ifstream sink(root + "/var/run/trove/" + kChannelNodes.at(channel) + ".log");
-  for (std::string record; std::getline(sink, record);) messages.push_back(Unescape(record));
+// A sink record is one line: a backslash and "n" stand for a newline, a backslash and
+// any other character for that character.
+Lines ChannelMessages(const std::string& root, const std::string& channel) {
+  static const std::map<std::string, std::string> nodes = {
+      {"status", "system.progressTerm.statusText"}, {"alert", "system.sysAlert"},
+      {"progress", "system.progressTerm.progressText"}, {"kernel", "system.log"}};
+  Lines messages;
+  std::ifstream sink(root + "/var/run/trove/" + nodes.at(channel) + ".log");
+  for (std::string record; std::getline(sink, record);) {
+    std::string& text = messages.emplace_back();
+    for (std::size_t i = 0; i < record.size(); ++i) {
+      bool escaped = record[i] == '\\' && i + 1 < record.size();
+      char c = record[escaped ? ++i : i];
+      text += escaped && c == 'n' ? '\n' : c;
+    }
+  }
   return messages;
 }
 
-nlohmann::json JsonPlugin(const std::vector<std::string>& provides, const std::vector<std::string>& requires_,
-                          const std::vector<std::string>& start, const nlohmann::json& extraMetadata) {
+nlohmann::json JsonPlugin(const Lines& provides, const Lines& requires_, const Lines& start,
+                          const nlohmann::json& extraMetadata) {
   nlohmann::json metadata = {{"provides", provides}, {"requires", requires_}, {"version", 1}};
   if (extraMetadata.is_object()) metadata.update(extraMetadata);
   return {{"metadata", metadata}, {"operations", {{"start", start}}}};
@@ -130,9 +122,8 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
                                                    {"BOOTSTRAND_CONSOLE", "/dev/null"}};
   for (char** each = environ; *each != nullptr; ++each) {
     std::string entry(*each);
-    std::size_t equals = entry.find('=');
-    if (!entry.starts_with("BOOTSTRAND_") && equals != std::string::npos) {
-      variables[entry.substr(0, equals)] = entry.substr(equals + 1);
+    if (!entry.starts_with("BOOTSTRAND_") && entry.find('=') != std::string::npos) {
+      variables[entry.substr(0, entry.find('='))] = entry.substr(entry.find('=') + 1);
     }
   }
   variables["BOOTSTRAND_ROOT"] = root.Root();
@@ -155,8 +146,7 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
     dup2(out[1], STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
-    // A boot starts with nothing open beyond the standard streams.
-    close_range(3, ~0U, 0);
+    close_range(3, ~0U, 0);  // a boot starts with nothing open beyond the standard streams
     setpgid(0, 0);
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
@@ -183,11 +173,6 @@ std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory) {
     files[entry.path().string()] = entry.is_regular_file() ? entry.file_size() : 0;
   }
   return files;
-}
-
-int IndexOf(const std::vector<std::string>& lines, const std::string& needle) {
-  auto found = std::find(lines.begin(), lines.end(), needle);
-  return found == lines.end() ? -1 : static_cast<int>(found - lines.begin());
 }
 
 }  // namespace bootstrand::testing

@@ -1,11 +1,12 @@
 // Test harness for the end-to-end tests: a private host root in a temporary
 // directory, helpers to write plugin files and command executables into it, a runner
-// for the real binary, and readers for the channel sinks and logs. Every root has the
-// command "mark", which appends its arguments to /order.log as one line (Marks()).
+// for the real binaries, and readers for the channel sinks and logs. Every root has
+// the command "mark", which appends its arguments to /order.log as one line (Marks()).
 #pragma once
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -14,6 +15,15 @@
 #include <nlohmann/json.hpp>
 
 namespace bootstrand::testing {
+
+using Lines = std::vector<std::string>;
+
+// A JSON plugin "<name>.json" of API version 1 unless `metadata` says otherwise.
+struct PluginFile {
+  std::string name;
+  Lines provides, requires_, start = {};
+  nlohmann::json metadata = {};
+};
 
 class HostRoot {
  public:
@@ -29,50 +39,43 @@ class HostRoot {
   void WriteFile(const std::string& hostPath, const std::string& contents, mode_t mode = 0644) const;
   std::string ReadFile(const std::string& hostPath) const;
   bool Exists(const std::string& hostPath) const;
-  // Lines of a file, without their newlines; empty when the file is missing.
-  std::vector<std::string> Lines(const std::string& hostPath) const;
+  Lines ReadLines(const std::string& hostPath) const;  // without newlines; none when the file is missing
+  Lines Marks() const { return ReadLines("/order.log"); }
 
-  std::vector<std::string> Marks() const { return Lines("/order.log"); }
-
-  // The bundled example tree (plugins and commands), as the demo boots it.
-  void CopyExampleTree() const;
-  // A shared-object plugin built for the tests, into the first plugin directory.
-  void CopyTestPlugin(const std::string& file) const;
-  // Writes a plugin file into the first (or second) plugin directory.
+  void CopyExampleTree() const;                        // the bundled example tree, as the demo boots it
+  void CopyTestPlugin(const std::string& file) const;  // a shared object built for the tests
+  // Plugin files in the first (or second) plugin directory.
   void WritePlugin(const std::string& fileName, const nlohmann::json& plugin, int directory = 1) const;
-  // Writes an executable shell script for a command path such as "network up" into
-  // the first command-definition directory.
+  void WritePlugins(const std::vector<PluginFile>& plugins, int directory = 1) const;
+  // An executable shell script for a command path such as "network up".
   void WriteCommand(const std::string& commandPath, const std::string& script) const;
 
   // The messages delivered to a channel ("status", "alert", "progress", "kernel").
-  std::vector<std::string> Channel(const std::string& channel) const;
+  Lines Channel(const std::string& channel) const;
 
  private:
   std::string root_;
 };
 
-// The messages delivered to a channel of the host root `root`.
-std::vector<std::string> ChannelMessages(const std::string& root, const std::string& channel);
+Lines ChannelMessages(const std::string& root, const std::string& channel);
 
-// A JSON plugin document of API version 1 unless `metadata` says otherwise.
-nlohmann::json JsonPlugin(const std::vector<std::string>& provides, const std::vector<std::string>& requires_,
-                          const std::vector<std::string>& start, const nlohmann::json& extraMetadata = {});
+nlohmann::json JsonPlugin(const Lines& provides, const Lines& requires_, const Lines& start,
+                          const nlohmann::json& extraMetadata = {});
 
 struct RunResult {
   int exitStatus = -1;  // -1 when the process was killed by a signal or timed out
   bool timedOut = false;
   std::string out;
-  std::vector<std::string> outWrites;  // `out` as the program wrote it, one element per write
+  Lines outWrites;  // `out` as the program wrote it, one element per write
   std::string err;
 };
 
-// Runs the bootstrand binary in `root` with `arguments`. The environment gets
-// BOOTSTRAND_ROOT and, unless `environment` says otherwise, 16 GiB of main memory and
-// "/dev/null" as the console device.
+// Runs the bootstrand binary in `root`. The environment gets BOOTSTRAND_ROOT and,
+// unless `environment` says otherwise, 16 GiB of main memory and "/dev/null" as the
+// console device; other BOOTSTRAND_ variables of the test process are left out.
 RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& arguments,
                         const std::map<std::string, std::string>& environment = {}, int timeoutSeconds = 60);
-
-// Runs another program built here (an operator tool) the same way.
+// Runs another program (an operator tool, a shell) the same way.
 RunResult RunProgram(const std::string& program, const HostRoot& root, const std::vector<std::string>& arguments,
                      const std::map<std::string, std::string>& environment = {}, int timeoutSeconds = 60);
 
@@ -81,6 +84,9 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
 std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory);
 
 // The index of `needle` in `lines`, or -1.
-int IndexOf(const std::vector<std::string>& lines, const std::string& needle);
+inline int IndexOf(const Lines& lines, const std::string& needle) {
+  auto found = std::find(lines.begin(), lines.end(), needle);
+  return found == lines.end() ? -1 : static_cast<int>(found - lines.begin());
+}
 
 }  // namespace bootstrand::testing
