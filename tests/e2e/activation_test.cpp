@@ -115,7 +115,12 @@ TEST(Activation, ADryRunShowsThePluginsAndExecutesNothing) {
                      {"q", {"q"}, {}, {Mark("q")}}});
   RunResult run = RunBootstrand(root, {"--dry", "--disable", "q", "--max-workers", "1"});
   ASSERT_EQ(run.exitStatus, 0) << run.err;
-  EXPECT_EQ(run.outWrites, (Lines{"a: start\n", "b: start\n"}));
+  Lines dry;  // the stamped copies of the log's lines share the output
+  for (const std::string& write : run.outWrites) {
+    EXPECT_EQ(write.find('\n'), write.size() - 1) << write;
+    if (write.ends_with(": start\n")) dry.push_back(write);
+  }
+  EXPECT_EQ(dry, (Lines{"a: start\n", "b: start\n"}));
   EXPECT_TRUE(root.Marks().empty());
   EXPECT_FALSE(root.Exists("/var/lib/configstore/calls.log"));
   EXPECT_EQ(root.Channel("alert"), Lines{"Bootstrand plugin a activation failed."});

@@ -130,11 +130,17 @@ TEST_F(ChannelOutputs, ASinkThatCannotBeWrittenLeavesTheOtherOutputsGoing) {
 }
 
 // Through a pseudo-terminal that is also the console, the operator skips the first
-// plugin, executes the second and lets the rest run without being asked again.
-TEST(Interactive, TheOperatorSkipsExecutesThenContinues) {
+// plugin, executes the second, troubleshoots the third and lets the rest run without
+// being asked again. At the third prompt keys other than the four answers leave no
+// trace, a capital letter answers, and the keys typed after it in one go are left to
+// the shell it starts; the shell computes the marker, so seeing it proves a shell
+// ran. The boot runs with a signal blocked and ignores SIGPIPE: the shell must see
+// neither, and the terminal is back in line mode at the end.
+TEST(Interactive, TheOperatorSkipsExecutesTroubleshootsThenContinues) {
   HostRoot root;
   root.WritePlugins({{"a", {"a"}, {}, {"mark --name a"}}, {"b", {"b"}, {"a"}, {"mark --name b"}},
-                     {"c-with-a-long-name", {"c"}, {"b"}, {"mark --name c"}}, {"d", {"d"}, {"c"}, {"mark --name d"}}});
+                     {"c-with-a-long-name", {"c"}, {"b"}, {"mark --name c"}}, {"d", {"d"}, {"c"}, {"mark --name d"}},
+                     {"e", {"e"}, {"d"}, {"mark --name e"}}});
   int terminal = -1;
   pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
   ASSERT_GE(child, 0);
@@ -143,32 +149,40 @@ TEST(Interactive, TheOperatorSkipsExecutesThenContinues) {
     setenv("BOOTSTRAND_MAIN_MEMORY", "17179869184", 1);
     setenv("BOOTSTRAND_CONSOLE", "/dev/null", 1);
     setenv("BOOTSTRAND_CHANNELS", (std::string("files,console=") + ttyname(STDIN_FILENO)).c_str(), 1);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
     execl(BOOTSTRAND_BINARY, BOOTSTRAND_BINARY, "--interactive", "--plugin",
-          "a.json,b.json,c-with-a-long-name.json,d.json", nullptr);
+          "a.json,b.json,c-with-a-long-name.json,d.json,e.json", nullptr);
     _exit(127);
   }
   // Each prompt ends by hiding the cursor until the key comes.
   const std::string kHideCursor = "\x1b[?25l";
   std::string output;
   std::vector<std::size_t> prompts;
-  for (char key : std::string("sec")) {
+  for (const std::string keys :
+       {"s", "e", "x\r1Techo marker-$((40+2)); grep -E '^Sig(Blk|Ign)' /proc/self/status\nexit\n", "c"}) {
     std::size_t from = output.size();
     auto prompted = [&](const std::string& so_far) { return so_far.find(kHideCursor, from) != std::string::npos; };
     ReadUntil(terminal, output, Clock::now() + std::chrono::seconds(20), prompted);
-    if (!prompted(output) || write(terminal, &key, 1) != 1) break;
+    if (!prompted(output) || write(terminal, keys.data(), keys.size()) != std::ssize(keys)) break;
     prompts.push_back(output.find(kHideCursor, from));
   }
   ReadToEnd(terminal, output, Clock::now() + std::chrono::seconds(20));
-  if (prompts.size() < 3) kill(child, SIGKILL);
+  if (prompts.size() < 4) kill(child, SIGKILL);
   int status = 0;
   waitpid(child, &status, 0);
+  termios attributes{};
+  bool lineMode = tcgetattr(terminal, &attributes) == 0 && (attributes.c_lflag & ICANON) && (attributes.c_lflag & ECHO);
   close(terminal);
-  ASSERT_EQ(prompts.size(), 3u) << output;
+  ASSERT_EQ(prompts.size(), 4u) << output;
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(lineMode);
 
   // a was passed over by the worker layer, then finished as a success; the others ran,
-  // d without a prompt.
-  EXPECT_EQ(root.Marks(), (Lines{"--name=b", "--name=c", "--name=d"}));
+  // e without a prompt.
+  EXPECT_EQ(root.Marks(), (Lines{"--name=b", "--name=c", "--name=d", "--name=e"}));
   Lines kernel = root.Channel("kernel");
   int skipped = IndexOf(kernel, "Bootstrand plugin a skipped.");
   EXPECT_GE(skipped, 0);
@@ -182,8 +196,16 @@ TEST(Interactive, TheOperatorSkipsExecutesThenContinues) {
             std::string::npos)
       << output;
   // The prompt starts on a clean line of the console that shows the live line.
-  EXPECT_NE(output.find("[1/4] activating: b\r\x1b[K\x1b[36mc-with-a-long-name\x1b[0m: "), std::string::npos)
+  EXPECT_NE(output.find("[1/5] activating: b\r\x1b[K\x1b[36mc-with-a-long-name\x1b[0m: "), std::string::npos)
       << output;
+  // Nothing of the ignored keys between the third prompt and its redrawn line; the
+  // shell's output, then the line erased after it.
+  EXPECT_EQ(output.substr(prompts[2] + kHideCursor.size(), 2), "\r\x1b") << output;
+  std::size_t marker = output.find("marker-42", prompts[2]);
+  ASSERT_NE(marker, std::string::npos) << output;
+  EXPECT_NE(output.find("SigBlk:\t0000000000000000", marker), std::string::npos) << output;
+  EXPECT_NE(output.find("SigIgn:\t0000000000000000", marker), std::string::npos) << output;
+  EXPECT_LT(output.find("\x1b[2K", marker), prompts[3]) << output;
 }
 
 }  // namespace

@@ -132,9 +132,7 @@ TEST_F(Installed, CompletionOffersOptionsPluginsAndTagsWithoutRunningTheActivato
                         "--quiet --time-ops --max-workers --plugin --tags --randomize"},
       {"bootstrand --plugin 20-s", "20-storage.json"},
       {"bootstrand --disable 10-devices,stor", "10-devices,storage"},
-      {"bootstrand --requires c", "config-restored"},
       {"bootstrand --provides re", "remote-access remote-syslog"},
-      {"bootstrand-lint --w", "--workers"},
       {"bootstrand-analyze --plugins 60", "60-ssh.json"},
   };
   scratch.WriteFile("/complete.bash",

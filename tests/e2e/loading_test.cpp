@@ -23,7 +23,7 @@ Lines LoadOrder(const RunResult& run) {
   return names;
 }
 
-TEST(Loading, ListsRegularFilesOfBothDirectoriesInByteOrder) {
+TEST(Loading, ListsRegularFilesOfBothDirectoriesInByteOrderAndFindsNamedOnes) {
   HostRoot root;
   root.WritePlugins({{"b", {"b"}, {}}, {"a", {"a"}, {}}, {".hidden", {"hidden"}, {}}, {"sub.json/inner", {"in"}, {}}});
   root.WritePlugins({{"0", {"zero"}, {}}}, 2);
@@ -39,21 +39,15 @@ TEST(Loading, ListsRegularFilesOfBothDirectoriesInByteOrder) {
   const std::string exception = "exception occurred whilst loading plugin " + kFirst;
   EXPECT_EQ(root.Channel("kernel"),
             (Lines{exception + "README: unknown type", exception + "broken.json: 'value' is not a 'JsonObject'"}));
-}
 
-TEST(Loading, NamedPluginsAreSearchedInBothDirectoriesWithoutTheBuiltin) {
-  HostRoot root;
-  root.WritePlugins({{"a", {"a"}, {}}}, 2);
-  root.WritePlugins({{"b", {"b"}, {}}});
+  // Named plugins are searched in both directories, without the built-in plugin.
   root.WriteFile("/opt/c.json", JsonPlugin({"c"}, {}, {}).dump());
-  RunResult run = RunBootstrand(root, {"--provides", "--plugin", "a.json,/opt/c.json"});
-  ASSERT_EQ(run.exitStatus, 0);
-  EXPECT_EQ(run.out, "c: c,json plugins\na: a,json plugins\n");  // "/opt" sorts before "/usr"
-
-  RunResult missing = RunBootstrand(root, {"--provides", "--plugin", "b.json,missing.json"});
-  EXPECT_EQ(missing.exitStatus, 0);
-  EXPECT_EQ(missing.out, "");
-  EXPECT_EQ(missing.err, "Failed to list plugins: Cannot find plugin 'missing.json'\n");
+  run = RunBootstrand(root, {"--provides", "--plugin", "0.json,/opt/c.json"});
+  EXPECT_EQ(run.out, "c: c,json plugins\n0: json plugins,zero\n");  // "/opt" sorts before "/usr"
+  run = RunBootstrand(root, {"--provides", "--plugin", "b.json,missing.json"});
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "Failed to list plugins: Cannot find plugin 'missing.json'\n");
   EXPECT_EQ(root.Channel("kernel").back(),
             "exception occurred whilst listing plugins: Cannot find plugin 'missing.json'");
 }

@@ -82,16 +82,14 @@ void HostRoot::WriteCommand(const std::string& commandPath, const std::string& s
   WriteFile("/usr/lib/tessary/cormcli/" + relative, "#!/bin/sh\n" + script + "\n", 0755);
 }
 
-Lines HostRoot::Channel(const std::string& channel) const { return ChannelMessages(root_, channel); }
-
 // A sink record is one line: a backslash and "n" stand for a newline, a backslash and
 // any other character for that character.
-Lines ChannelMessages(const std::string& root, const std::string& channel) {
+Lines HostRoot::Channel(const std::string& channel) const {
   static const std::map<std::string, std::string> nodes = {
       {"status", "system.progressTerm.statusText"}, {"alert", "system.sysAlert"},
       {"progress", "system.progressTerm.progressText"}, {"kernel", "system.log"}};
   Lines messages;
-  std::ifstream sink(root + "/var/run/trove/" + nodes.at(channel) + ".log");
+  std::ifstream sink(root_ + "/var/run/trove/" + nodes.at(channel) + ".log");
   for (std::string record; std::getline(sink, record);) {
     std::string& text = messages.emplace_back();
     for (std::size_t i = 0; i < record.size(); ++i) {

@@ -57,8 +57,6 @@ class HostRoot {
   std::string root_;
 };
 
-Lines ChannelMessages(const std::string& root, const std::string& channel);
-
 nlohmann::json JsonPlugin(const Lines& provides, const Lines& requires_, const Lines& start,
                           const nlohmann::json& extraMetadata = {});
 

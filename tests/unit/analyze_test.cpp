@@ -8,7 +8,6 @@
 
 #include "analyze/analysis.h"
 #include "analyze/comparison.h"
-#include "analyze/dependency_graph.h"
 #include "analyze/plugin_outcomes.h"
 #include "analyze/timeline_svg.h"
 #include "analyze/timing_log.h"
@@ -122,23 +121,6 @@ std::vector<TimedPlugin> Plugins(const Timed& timed) {
   return plugins;
 }
 
-// Plugin files in a host root, read with the activator's loaders. The end-to-end tests
-// follow a chain through the example tree; here a file that does not load, and a
-// plugin that no file declares, where the chain ends.
-using AnalyzeChain = testing::PluginTest;
-
-TEST_F(AnalyzeChain, LeavesOutFilesThatDoNotLoadAndEndsAtAPluginNoFileDeclares) {
-  root_.WritePlugin("net.json", testing::JsonPlugin({"net"}, {}, {"x"}));
-  root_.WritePlugin("broken.json", testing::JsonPlugin({}, {}, {"x"}, {{"version", "1"}}));
-  Problems problems;
-  DependencyGraph graph;
-  graph.Load({"/usr/libexec/bootstrand/plugins"}, problems);
-  ASSERT_EQ(problems.size(), 1u);
-  EXPECT_EQ(Describe(problems[0]), "/usr/libexec/bootstrand/plugins/broken.json: not loaded, left out of the chain: "
-                                   "'meta[\"version\"]' is not a 'JsonNumber'");
-  EXPECT_EQ(CriticalChain(Plugins({{"net", 0, 5}, {"ghost", 6, 7}}), graph), std::vector<std::size_t>{1});
-}
-
 // An analysis of plugins in log order, without plugin files; `summary`: the boot ended
 // 100 ms after kBase.
 Analysis Analyzed(const Timed& timed, const std::string& kernelSink = "", bool summary = true) {
@@ -194,9 +176,7 @@ TEST(AnalyzeComparison, SortsByChangeListsOnlyChangesPastBothThresholdsAndReport
       {{"new", 0, 1}, {"b", 0, 65}, {"a", 0, 55}, {"c", 0, 35}, {"d", 0, 30}, {"e", 0, 54}, {"dup", 40, 50}}, "", false);
   const std::tuple<const char*, Names, Names> cases[] = {
       {"5ms,10%", {"d", "a"}, {"dup", "c"}},  // a: +5 ms is exactly 10 %; b: +5 ms is 8 %
-      {"10%,5ms", {"d", "a"}, {"dup", "c"}},
       {"0us,0%", {"d", "a", "b", "e"}, {"dup", "c"}},
-      {"250us,0%", {"d", "a", "b", "e"}, {"dup", "c"}},
       {"0.25%", {"d", "a", "b"}, {"dup", "c"}},  // and 5 ms: e's +4 ms is not enough
       {"20ms", {"d"}, {}},
       {"2.5s", {}, {}},

@@ -1,11 +1,13 @@
 // The management-command executor: lookup across the command directories, failures
-// by stage, lists that go on after a failure, dry runs and timing records.
+// by stage, lists that go on after a failure, dry runs and timing records, and the
+// dispatcher that runs a command executable.
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <regex>
 
 #include "kinds/cormcli.h"
@@ -82,6 +84,38 @@ TEST_F(CormcliTest, AListGoesOnAfterFailuresAndReportsEachWithItsStage) {
   EXPECT_EQ(Reported(failures), " step one failed: cannot wait for " + root_.Path("/usr/lib/tessary/cormcli/step/one") +
                                     ": No child processes\n");
   EXPECT_EQ(root_.ReadFile("/ran"), "status\none --x=a b\nstatus\none\n");
+}
+
+// Failure shows as lines on standard error or as the exit status; output written
+// before the command starts comes first, and standard error passes on when it
+// succeeds. No descriptor is left open.
+TEST_F(CormcliTest, CommandsFailByStandardErrorOrStatusAndLeaveNoDescriptorOpen) {
+  auto openDescriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+  };
+  const auto before = openDescriptors();
+  const std::string path = root_.Path("/usr/lib/tessary/cormcli/net/set");
+  const std::pair<std::string, std::string> cases[] = {
+      {"echo first >&2; echo >&2; printf second >&2; exit 1", "first,second"},
+      {"exit 3", "command 'net set' exited with status 3"},
+      {"kill -9 $$", "command 'net set' was killed by signal 9"},
+      {"", "cannot execute " + path + ": No such file or directory"},  // its interpreter is missing
+  };
+  for (const auto& [script, errors] : cases) {
+    WriteCommand("net set", "net", script);
+    if (script.empty()) std::ofstream(path) << "#!/no/such/interpreter\n";
+    std::vector<CormcliException> failures = Cormcli().Execute(Strings{"net set"}, false, false);
+    EXPECT_EQ(failures.size() == 1 ? Joined(failures[0].errors) : "?", errors) << script;
+  }
+  EXPECT_EQ(openDescriptors(), before);
+
+  WriteCommand("net set", "net", "echo child; echo warning >&2");
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
+  std::cout << "before\n";  // still buffered when the command starts
+  Cormcli().Execute("net set", false, false);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "warning\n");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "before\nchild\n");
 }
 
 TEST(FormatTiming, BorrowsAndPadsMicroseconds) {

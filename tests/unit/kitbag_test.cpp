@@ -1,11 +1,5 @@
-// The command-string parser and the dispatcher that runs a command executable.
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-
-#include "platform/kitbag/dispatcher.h"
+// The command-string parser. The dispatcher that runs a command executable is
+// tested through the command executor.
 #include "platform/kitbag/option_parser.h"
 #include "support/test_plugin.h"
 
@@ -13,7 +7,6 @@ namespace bootstrand::testing {
 namespace {
 
 using namespace Kitbag::AutoCli;
-using Strings = std::vector<std::string>;
 
 // A parse as one line: "-" when there is nothing to run, else each path word and
 // each option as "[word]" and "--name=[value]", then each error as "! error".
@@ -48,48 +41,6 @@ TEST(OptionParser, SplitsEachCommandStringIntoPathOptionsAndErrors) {
     parser.ParseString("--stale 'state");  // every parse starts afresh
     EXPECT_EQ(Parsed(parser, text), parsed) << text;
   }
-}
-
-// Runs "network ip set" from a command directory in a private host root (the
-// executor's tests cover lookup across several directories); returns its errors.
-Strings RunCommand(const ScopedRoot& root, const std::string& script) {
-  const std::string path = root.Path("/commands/network/ip/set");
-  std::filesystem::create_directories(root.Path("/commands/network/ip"));
-  std::ofstream(path) << script;
-  chmod(path.c_str(), 0755);
-  Dispatcher dispatcher;
-  dispatcher.AddExternalDirectory("/commands");
-  auto input = CommandInput::New();
-  auto output = CommandOutput::New();
-  input->SetCommandPath({"network", "ip", "set"});
-  dispatcher.ExecuteCommand(input, output);
-  return output->GetErrors();
-}
-
-// Failure shows as lines on standard error or as the exit status; output written
-// before the command starts comes first, and standard error passes on when it
-// succeeds. No descriptor is left open.
-TEST(Dispatcher, ReportsFailuresKeepsOutputOrderAndLeavesNoDescriptorOpen) {
-  auto openDescriptors = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
-  };
-  ScopedRoot root;
-  const auto before = openDescriptors();
-  const std::pair<std::string, Strings> cases[] = {
-      {"#!/bin/sh\necho first >&2; echo >&2; printf second >&2; exit 1\n", {"first", "second"}},
-      {"#!/bin/sh\nexit 3\n", {"command 'network ip set' exited with status 3"}},
-      {"#!/bin/sh\nkill -9 $$\n", {"command 'network ip set' was killed by signal 9"}},
-      {"#!/no/such/interpreter\n", {"cannot execute " + root.Path("/commands/network/ip/set") + ": No such file or directory"}},
-  };
-  for (const auto& [script, errors] : cases) EXPECT_EQ(RunCommand(root, script), errors) << script;
-  EXPECT_EQ(openDescriptors(), before);
-
-  ::testing::internal::CaptureStdout();
-  ::testing::internal::CaptureStderr();
-  std::cout << "before\n";  // still buffered when the command starts
-  EXPECT_EQ(RunCommand(root, "#!/bin/sh\necho child\necho warning >&2\n"), Strings{});
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "warning\n");
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "before\nchild\n");
 }
 
 }  // namespace
