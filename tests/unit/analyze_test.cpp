@@ -104,7 +104,9 @@ TEST(AnalyzeOutcomes, EachPluginGetsItsLatestOutcome) {
   outcomes.ReadAlertSink(alert, "system.sysAlert.log", problems);
   EXPECT_EQ(ProblemLines(problems), (std::vector<std::size_t>{32, 34, 6}));
   Names latest;
-  for (const auto& [name, outcome] : outcomes.Latest()) latest.push_back(name + "=" + std::string(OutcomeName(outcome)));
+  for (const auto& [name, outcome] : outcomes.Latest()) {
+    latest.push_back(name + "=" + std::string(OutcomeName(outcome)));
+  }
   EXPECT_EQ(Joined(latest, ", "), "ok=activated, broken=failed, static=skipped, off=skipped, empty=skipped, "
                                   "pre=opportunistic skipped, try=opportunistic failed, back\\slash=activated, "
                                   "hung=unknown, a=activated, b=failed, c=activated, d=failed, y=activated");
@@ -117,7 +119,9 @@ TEST(AnalyzeOutcomes, EachPluginGetsItsLatestOutcome) {
 std::vector<TimedPlugin> Plugins(const Timed& timed) {
   std::vector<TimedPlugin> plugins;
   std::size_t line = 2;
-  for (const auto& [name, start, end] : timed) plugins.push_back({name, kBase + start * 1000, kBase + end * 1000, line++});
+  for (const auto& [name, start, end] : timed) {
+    plugins.push_back({name, kBase + start * 1000, kBase + end * 1000, line++});
+  }
   return plugins;
 }
 
@@ -173,7 +177,8 @@ TEST(AnalyzeComparison, SortsByChangeListsOnlyChangesPastBothThresholdsAndReport
   Analysis before = Analyzed({{"d", 0, 10}, {"a", 0, 50}, {"gone", 0, 5}, {"b", 0, 60}, {"e", 0, 50}, {"c", 0, 40},
                               {"dup", 0, 10}, {"dup", 20, 30}});
   Analysis after = Analyzed(
-      {{"new", 0, 1}, {"b", 0, 65}, {"a", 0, 55}, {"c", 0, 35}, {"d", 0, 30}, {"e", 0, 54}, {"dup", 40, 50}}, "", false);
+      {{"new", 0, 1}, {"b", 0, 65}, {"a", 0, 55}, {"c", 0, 35}, {"d", 0, 30}, {"e", 0, 54}, {"dup", 40, 50}}, "",
+      false);
   const std::tuple<const char*, Names, Names> cases[] = {
       {"5ms,10%", {"d", "a"}, {"dup", "c"}},  // a: +5 ms is exactly 10 %; b: +5 ms is 8 %
       {"0us,0%", {"d", "a", "b", "e"}, {"dup", "c"}},
@@ -213,6 +218,17 @@ TEST(AnalyzeComparison, SortsByChangeListsOnlyChangesPastBothThresholdsAndReport
             "      20.0 ms      10.0 ms     -10.0 ms  dup\n  and 1 more\n\n"
             "Added plugins: new\nRemoved plugins: gone\n\n"
             "Critical chain changed:\n  before: d -> a\n  after:  new -> b\n");
+  // The same in JSON, where an unknown time is null; past a threshold nothing passes.
+  before.timing.kernelTime.reset();
+  nlohmann::json json = ComparisonJson(Compare(before, after, Threshold()), 1);
+  EXPECT_EQ(json["slower"].dump(), R"([{"after_us":30000,"before_us":10000,"delta_us":20000,"name":"d"}])");
+  EXPECT_EQ(json["kernel_to_activation"].dump(), R"({"after_us":64000000,"before_us":null,"delta_us":null})");
+  EXPECT_EQ(json["activation"]["after_has_summary"], false);
+  EXPECT_EQ(json["critical_chain"].dump(), R"({"after":["new","b"],"before":["d","a"],"changed":true})");
+  EXPECT_EQ(json["added"].dump() + json["removed"].dump(), R"(["new"]["gone"])");
+  text.str("");
+  PrintComparison(text, Compare(before, after, ParseThreshold("2.5s").value()), 1);
+  EXPECT_NE(text.str().find("\n\nSlower plugins: none\n\nFaster plugins: none\n"), std::string::npos) << text.str();
 }
 
 }  // namespace
