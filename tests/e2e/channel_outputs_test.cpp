@@ -1,9 +1,6 @@
-// The outputs of the message channels that BOOTSTRAND_CHANNELS chooses, each boot in a
-// temporary root: the console as a pseudo-terminal (shared with the interactive
-// prompt) and as a plain file, kernel log records written to a plain file, --quiet, a
-// console that cannot be opened, a sink that cannot be written, and the default for a
-// root under another folder. Every run names its outputs with paths inside its root:
-// nothing reaches the machine's console, kernel log or system log.
+// The outputs of the message channels that BOOTSTRAND_CHANNELS chooses, and the
+// interactive prompt on a console that is a pseudo-terminal. Every run names its
+// outputs inside its root: nothing reaches the machine's console, kernel log or syslog.
 #include <gtest/gtest.h>
 
 #include <pty.h>
