@@ -11,6 +11,7 @@
 #include "log/process_logging.h"
 #include "platform/host_log.h"
 #include "platform/host_path.h"
+#include "platform/signals.h"
 #include "platform/standard_streams.h"
 
 namespace bootstrand {
@@ -105,6 +106,11 @@ bool NativePlugin::Activate(ActivateFlags flags) {
     NativePluginEntryPoint entryPoint = applyHostProfile ? operations.apply_host_profile : operations.start;
     if (entryPoint != nullptr) {
       KernelLog() << "Applying " << method << " on plugin " << name << std::endl;
+      // The worker runs more plugins after this one, however the entry point ends:
+      // the commands they start must not inherit a signal it chose to ignore.
+      struct AskSignalsAfterwards {
+        ~AskSignalsAfterwards() { RefreshIgnoredSignals(); }
+      } askSignalsAfterwards;
       std::int32_t code = entryPoint();
       if (code != 0) {
         Log_Level(kFailureLevel, "Plugin %s failed Invoking method %s (rc=%d)\n", name.c_str(), method, code);

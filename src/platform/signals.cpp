@@ -8,13 +8,18 @@ namespace bootstrand {
 
 namespace {
 
+void AskIgnored(std::vector<int>& ignored) {
+  ignored.clear();
+  for (int signal = 1; signal < NSIG; ++signal) {
+    struct sigaction current {};
+    if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) ignored.push_back(signal);
+  }
+}
+
 std::vector<int>& Ignored() {
   static std::vector<int>* ignored = [] {
     auto* found = new std::vector<int>;
-    for (int signal = 1; signal < NSIG; ++signal) {
-      struct sigaction current {};
-      if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) found->push_back(signal);
-    }
+    AskIgnored(*found);
     return found;
   }();
   return *ignored;
@@ -42,6 +47,8 @@ void DefaultSignal(int signal) {
 }
 
 const std::vector<int>& IgnoredSignals() { return Ignored(); }
+
+void RefreshIgnoredSignals() { AskIgnored(Ignored()); }
 
 void RestoreDefaultSignals(const std::vector<int>& ignored) {
   struct sigaction defaults {};

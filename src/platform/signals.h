@@ -17,8 +17,12 @@ void DefaultSignal(int signal);
 
 // The signals this process ignores: those it was started with ignored (asked of the
 // system once, at the first call) and those set through IgnoreSignal. A disposition
-// changed behind this module's back is not seen.
+// changed behind this module's back is not seen until RefreshIgnoredSignals.
 const std::vector<int>& IgnoredSignals();
+
+// Asks the system again, after foreign code (a native plugin's entry point) ran in
+// this process and may have changed dispositions behind this module's back.
+void RefreshIgnoredSignals();
 
 // In a child about to exec: `ignored` back to their defaults and the signal mask
 // emptied. Uses only async-signal-safe calls and writes no memory outside its own

@@ -6,10 +6,14 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <map>
+#include <sstream>
 
 #include "support/host_root.h"
 
@@ -27,6 +31,7 @@ struct Fault {
   std::function<void(const HostRoot&)> arrange = nullptr;                  // puts the fault in place
   std::function<void(const HostRoot&, const RunResult&)> check = nullptr;  // what else it must leave
   const char* shell = nullptr;  // a shell line that starts the activator ("$0") instead
+  std::map<std::string, std::string> environment = {};
 };
 
 void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
@@ -45,6 +50,34 @@ void UnknownCommand(const HostRoot& root, const RunResult&) {
 void Unusable(const HostRoot& root, const std::string& path, bool asFolder = false) {
   std::filesystem::remove_all(root.Path(path));
   asFolder ? (void)std::filesystem::create_directories(root.Path(path)) : root.WriteFile(path, "in the way\n");
+}
+
+// What the system's shared memory and the worker's peak resident size grew by, in
+// KiB, while the script's `body` ran; the command then fails.
+std::string MeasuredWhile(const std::string& body) {
+  return "kib() { awk -v k=\"$1:\" '$1 == k { print $2 }' \"$2\"; }\n"
+         "shmem=$(kib Shmem /proc/meminfo); peak=$(kib VmHWM /proc/$PPID/status)\n" +
+         body +
+         "\necho $(( $(kib Shmem /proc/meminfo) - shmem )) $(( $(kib VmHWM /proc/$PPID/status) - peak )) "
+         "> \"$BOOTSTRAND_ROOT/grown\"\nexit 1";
+}
+
+// Memory a boot may take on account of a command's standard error, in KiB.
+constexpr long kMemoryBound = 8 * 1024;
+
+// The processes whose ids the command wrote to /pids are gone (or dead and not yet
+// reaped by init).
+void NothingLeftRunning(const HostRoot& root, const RunResult&) {
+  Lines pids = root.ReadLines("/pids");
+  EXPECT_EQ(pids.size(), 2u);
+  for (const std::string& pid : pids) {
+    std::string stat;
+    std::getline(std::ifstream("/proc/" + pid + "/stat"), stat);
+    std::size_t state = stat.rfind(") ");
+    EXPECT_TRUE(stat.empty() || stat.substr(state + 2, 1) == "Z") << stat;
+  }
+  std::string log = root.ReadFile("/var/log/bootstrand-cormcli-stdout.log");
+  EXPECT_NE(log.find("victim: command 'fault' timed out after 1 s\n"), std::string::npos) << log;
 }
 
 const Fault kFaults[] = {
@@ -94,6 +127,47 @@ const Fault kFaults[] = {
        ASSERT_NE(record, std::string::npos) << log;
        EXPECT_EQ(log.substr(log.rfind('\n', record) + 1, 2), "0.") << log;
      }},
+    // 100 MB of errors cost neither shared memory nor the worker's; the failure text
+    // keeps the first lines, and the whole output is in the log.
+    {"HugeStandardError",
+     MeasuredWhile("head -c 100000000 /dev/zero | tr '\\0' e | fold -w 999 >&2"), {}, kAll, kVictimFailed, nullptr,
+     [](const HostRoot& root, const RunResult&) {
+       long shmem = 0, peak = 0;
+       std::istringstream(root.ReadFile("/grown")) >> shmem >> peak;
+       EXPECT_LT(shmem, kMemoryBound);
+       EXPECT_LT(peak, kMemoryBound);
+       std::string log = root.ReadFile("/var/log/bootstrand-cormcli-stdout.log");
+       EXPECT_NE(log.find(" victim: ... 100084 more lines of standard error left out\n"), std::string::npos);
+       EXPECT_GT(log.size(), 100000000u);
+     }},
+    // A daemon that goes on writing to the command's standard error after the boot
+    // costs no memory and is not killed for it.
+    {"ChattyDaemonLeftByACommand",
+     "( while :; do printf '%01000d\\n' 0 >&2; done ) &\necho $! > \"$BOOTSTRAND_ROOT/daemon.pid\"", {}, kAll, {},
+     nullptr,
+     [](const HostRoot& root, const RunResult&) {
+       auto shmem = [] {
+         std::ifstream meminfo("/proc/meminfo");
+         for (std::string key, unit; meminfo >> key;) {
+           long kib = 0;
+           meminfo >> kib >> unit;
+           if (key == "Shmem:") return kib;
+         }
+         return 0L;
+       };
+       long before = shmem();
+       usleep(1000000);
+       EXPECT_LT(shmem() - before, kMemoryBound);
+       pid_t daemon = std::stoi(root.ReadFile("/daemon.pid"));
+       EXPECT_TRUE(kill(daemon, SIGKILL) == 0) << "the daemon did not outlive the boot";
+     }},
+    // Past BOOTSTRAND_COMMAND_TIMEOUT the command's group gets SIGTERM, and SIGKILL
+    // ten seconds later when it ignores that.
+    {"CommandRunningPastItsBound", "echo $$ >> \"$BOOTSTRAND_ROOT/pids\"\nsleep 1000 &\necho $! >> \"$BOOTSTRAND_ROOT/pids\"\nwait",
+     {}, kAll, kVictimFailed, nullptr, NothingLeftRunning, nullptr, {{"BOOTSTRAND_COMMAND_TIMEOUT", "1"}}},
+    {"CommandIgnoringTheBound",
+     "trap '' TERM\necho $$ >> \"$BOOTSTRAND_ROOT/pids\"\nsleep 1000 &\necho $! >> \"$BOOTSTRAND_ROOT/pids\"\nwait",
+     {}, kAll, kVictimFailed, nullptr, NothingLeftRunning, nullptr, {{"BOOTSTRAND_COMMAND_TIMEOUT", "1"}}},
     {"CommandsStartWithDefaultSignals", "grep -E '^Sig(Blk|Ign)' /proc/self/status >> \"$BOOTSTRAND_ROOT/order.log\"",
      {}, {"--name=after", "--name=other", "--name=victim", "SigBlk:\t0000000000000000", "SigIgn:\t0000000000000000"},
      {}, nullptr, nullptr, "trap '' HUP PIPE; exec \"$0\""},
@@ -133,8 +207,8 @@ TEST_P(Faults, TheBootEndsAndTheOtherPluginsRun) {
                      {"after", {"a"}, {"v"}, {"mark --name after"}}, {"other", {"o"}, {}, {"mark --name other"}}});
   if (fault.arrange) fault.arrange(root);
   RunResult run = fault.shell == nullptr
-                      ? RunBootstrand(root, fault.arguments, {}, 30)
-                      : RunProgram("/bin/sh", root, {"-c", fault.shell, BOOTSTRAND_BINARY}, {}, 30);
+                      ? RunBootstrand(root, fault.arguments, fault.environment, 30)
+                      : RunProgram("/bin/sh", root, {"-c", fault.shell, BOOTSTRAND_BINARY}, fault.environment, 30);
   if (fault.check) fault.check(root, run);
   EXPECT_FALSE(run.timedOut);
   EXPECT_EQ(run.exitStatus, 0) << run.err;

@@ -1,11 +1,17 @@
 #include "platform/kitbag/command_process.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -20,34 +26,29 @@ namespace Kitbag::AutoCli {
 
 namespace {
 
-// Everything written to `file` so far, from its start.
-std::string ReadWritten(int file) {
-  std::string text;
-  char buffer[4096];
-  for (off_t offset = 0;;) {
-    const ssize_t count = pread(file, buffer, sizeof buffer, offset);
-    if (count > 0) {
-      text.append(buffer, static_cast<std::size_t>(count));
-      offset += count;
-    } else if (count == 0 || errno != EINTR) {
-      return text;
-    }
-  }
+using Clock = std::int64_t;  // milliseconds on the monotonic clock
+
+Clock Now() {
+  timespec now {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return Clock{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-// Starts `executable` with standard error on `errorFile`. vfork rather than fork: a
-// worker is a copy of the scheduler, and copying its address space for every command
-// would cost more than the command itself. The child shares this process's memory
-// until it execs, so it only makes system calls, on values prepared here, and passes a
-// failed exec's error back through `execError`.
-pid_t StartChild(const char* executable, char* const* argv, int errorFile, int& execError) {
+// Starts `executable` with standard error on `errorPipe`, as the leader of a new
+// process group, so that a command that runs too long can be stopped with everything
+// it started. vfork rather than fork: a worker is a copy of the scheduler, and copying
+// its address space for every command would cost more than the command itself. The
+// child shares this process's memory until it execs, so it only makes system calls,
+// on values prepared here, and passes a failed exec's error back through `execError`.
+pid_t StartChild(const char* executable, char* const* argv, int errorPipe, int& execError) {
   const std::vector<int>& ignored = bootstrand::IgnoredSignals();
   volatile int error = 0;
   const pid_t child = vfork();
   if (child == 0) {
     bootstrand::RestoreDefaultSignals(ignored);
+    setpgid(0, 0);
     // dup2 onto standard error also clears close-on-exec there.
-    if (dup2(errorFile, STDERR_FILENO) == STDERR_FILENO) execve(executable, argv, environ);
+    if (dup2(errorPipe, STDERR_FILENO) == STDERR_FILENO) execve(executable, argv, environ);
     error = errno;
     _exit(127);
   }
@@ -55,23 +56,111 @@ pid_t StartChild(const char* executable, char* const* argv, int errorFile, int& 
   return child;
 }
 
+// Reads what the pipe holds now into `errors`. False at its end (no writer is left);
+// true when it would have to wait.
+bool ReadAvailable(int pipe, CommandErrors& errors) {
+  char buffer[16384];
+  for (;;) {
+    const ssize_t count = read(pipe, buffer, sizeof buffer);
+    if (count > 0) {
+      errors.Add(std::string_view(buffer, static_cast<std::size_t>(count)));
+    } else if (count == 0) {
+      return false;
+    } else if (errno != EINTR) {
+      return errno == EAGAIN;
+    }
+  }
+}
+
+// Something the command started (a daemon) still holds its standard error. Closing
+// the pipe would kill it with SIGPIPE at its next message, and keeping the pipe
+// unread would block it once the pipe is full; so a small process of its own reads
+// the pipe and throws the text away until the last writer has gone. It is a
+// grandchild, left to init, so that nobody needs to reap it.
+void DiscardTheRest(bootstrand::UniqueFd pipe) {
+  const pid_t middle = fork();
+  if (middle == 0) {
+    if (fork() == 0) {
+      setsid();
+      prctl(PR_SET_NAME, "bootstrand-drain");
+      signal(SIGTERM, SIG_DFL);
+      signal(SIGINT, SIG_DFL);
+      if (dup2(pipe.Get(), STDIN_FILENO) == STDIN_FILENO) {
+        syscall(SYS_close_range, 1U, ~0U, 0U);
+        fcntl(STDIN_FILENO, F_SETFL, 0);
+        char buffer[16384];
+        for (;;) {
+          const ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
+          if (count == 0 || (count < 0 && errno != EINTR)) break;
+        }
+      }
+    }
+    _exit(0);
+  }
+  if (middle > 0) {
+    while (waitpid(middle, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+}
+
+// Stops a command that ran past its bound: SIGTERM to its group at once, SIGKILL to
+// what is left of the group kSecondsToKill later.
+class Bound {
+ public:
+  Bound(pid_t group, unsigned seconds)
+      : group_(group), deadline_(seconds > 0 ? Now() + Clock{seconds} * 1000 : -1) {}
+
+  // Milliseconds until the next step is due, -1 for none.
+  int Wait() const {
+    return deadline_ < 0 ? -1 : static_cast<int>(std::clamp<Clock>(deadline_ - Now(), 0, 1 << 30));
+  }
+
+  // Takes the step that is due, if one is.
+  void Step() {
+    if (deadline_ < 0 || Now() < deadline_) return;
+    if (!terminated_) {
+      kill(-group_, SIGTERM);
+      terminated_ = true;
+      deadline_ = Now() + Clock{kSecondsToKill} * 1000;
+    } else {
+      kill(-group_, SIGKILL);
+      deadline_ = -1;
+    }
+  }
+
+  bool Terminated() const { return terminated_; }
+
+  // After the leader has gone: the rest of its group gets until the kill to end.
+  void Finish() {
+    while (terminated_ && deadline_ >= 0 && kill(-group_, 0) == 0) {
+      usleep(20000);
+      Step();
+    }
+  }
+
+ private:
+  pid_t group_;
+  Clock deadline_;
+  bool terminated_ = false;
+};
+
 }  // namespace
 
-CommandProcessResult RunCommandProcess(const std::string& executable, const std::vector<std::string>& arguments) {
+CommandProcessResult RunCommandProcess(const std::string& executable, const std::vector<std::string>& arguments,
+                                       CommandErrors& errors, unsigned timeoutSeconds) {
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>(executable.c_str()));
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
 
-  // Standard error goes to an anonymous file rather than a pipe. A command may leave
-  // a daemon behind that keeps the descriptor: with a pipe, reading to its end would
-  // wait for that daemon, and closing the read end early would kill it with SIGPIPE at
-  // its next message. The file never blocks a writer and is read once the command
-  // itself has ended.
-  bootstrand::UniqueFd errorFile(memfd_create("command-stderr", MFD_CLOEXEC));
-  if (!errorFile.Valid()) {
-    throw std::runtime_error("cannot create a file for the errors of " + executable + ": " + strerror(errno));
+  // Standard error is a pipe read while the command runs, so that what it writes
+  // costs a bounded buffer here, never memory that grows with its output.
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    throw std::runtime_error("cannot create a pipe for the errors of " + executable + ": " + strerror(errno));
   }
+  bootstrand::UniqueFd readEnd(ends[0]), writeEnd(ends[1]);
+  fcntl(readEnd.Get(), F_SETFL, O_NONBLOCK);
 
   // Text still buffered here would otherwise reach the output after the command's.
   std::cout.flush();
@@ -79,24 +168,41 @@ CommandProcessResult RunCommandProcess(const std::string& executable, const std:
   std::fflush(nullptr);
 
   int execError = 0;
-  const pid_t child = StartChild(executable.c_str(), argv.data(), errorFile.Get(), execError);
+  const pid_t child = StartChild(executable.c_str(), argv.data(), writeEnd.Get(), execError);
+  writeEnd.Reset();
   if (child < 0) throw std::runtime_error("cannot fork for " + executable + ": " + strerror(execError));
+  CommandProcessResult result;
   if (execError != 0) {
     // The command could not be executed: report it as the command itself would.
     while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }
-    CommandProcessResult result;
     result.waitStatus = 127 << 8;
-    result.errorOutput = "cannot execute " + executable + ": " + strerror(execError) + "\n";
     result.execError = execError;
+    errors.Add("cannot execute " + executable + ": " + strerror(execError) + "\n");
     return result;
   }
 
-  CommandProcessResult result;
-  while (waitpid(child, &result.waitStatus, 0) < 0) {
-    if (errno != EINTR) throw std::runtime_error("cannot wait for " + executable + ": " + strerror(errno));
+  // The command's end is seen on a process descriptor, polled with its standard
+  // error; a kernel without them is asked every few milliseconds instead.
+  bootstrand::UniqueFd ended(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+  Bound bound(child, timeoutSeconds);
+  bool reading = true;
+  for (;;) {
+    pollfd watched[2] = {{readEnd.Get(), POLLIN, 0}, {ended.Get(), POLLIN, 0}};
+    int wait = bound.Wait();
+    if (!ended.Valid() && (wait < 0 || wait > 20)) wait = 20;
+    const int ready = poll(reading ? watched : watched + 1, reading ? 2 : 1, wait);
+    if (ready < 0 && errno != EINTR) throw std::runtime_error("cannot wait for " + executable + ": " + strerror(errno));
+    if (reading && watched[0].revents != 0) reading = ReadAvailable(readEnd.Get(), errors);
+    const pid_t reaped = waitpid(child, &result.waitStatus, WNOHANG);
+    if (reaped == child) break;
+    if (reaped < 0 && errno != EINTR) throw std::runtime_error("cannot wait for " + executable + ": " + strerror(errno));
+    bound.Step();
   }
-  result.errorOutput = ReadWritten(errorFile.Get());
+  if (bound.Terminated()) result.timedOut = timeoutSeconds;
+  bound.Finish();
+  // What the command wrote just before it ended is in the pipe still.
+  if (reading && ReadAvailable(readEnd.Get(), errors)) DiscardTheRest(std::move(readEnd));
   return result;
 }
 
