@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,7 +18,9 @@
 #include "log/channels.h"
 #include "log/profile.h"
 #include "platform/host_path.h"
+#include "platform/kitbag/command_process.h"
 #include "platform/signals.h"
+#include "platform/stop_signals.h"
 #include "platform/standard_streams.h"
 #include "plugin/exception.h"
 #include "plugin/plugin.h"
@@ -81,6 +84,9 @@ WorkerPool::HandOverResult Worker::HandOver(Plugin* plugin, ActivateFlags flags)
     // A write to a worker that died must fail with EPIPE instead of ending the
     // scheduler, so that the communication-failure path can report it.
     IgnoreSignal(SIGPIPE);
+    // From the first hand-over on, a stop request ends the workers and their
+    // commands before this process exits (Interrupt); workers inherit the handlers.
+    CatchStopSignals();
   }
   if (PassesOver(*plugin, flags)) {
     KernelLog() << "Bootstrand plugin " << plugin->name << " skipped." << std::endl;
@@ -177,10 +183,14 @@ Worker::Worker(bool dryRun) {
 
 void Worker::RunWorkerLoop(bool dryRun) {
   for (;;) {
+    // A stop request reaches an idle worker only here, where the signals are let in.
+    pollfd idle {requestFd, POLLIN, 0};
+    if (ppoll(&idle, 1, nullptr, WaitMask()) < 0 && errno != EINTR) std::exit(1);
+    if (StopSignal() != 0) std::exit(0);
     WorkerRequest request {};
     ssize_t count = read(requestFd, &request, sizeof request);
     if (count < 0) {
-      if (errno == EINTR) continue;
+      if (errno == EINTR || errno == EAGAIN) continue;
       std::exit(1);
     }
     if (count == 0) std::exit(0);
@@ -198,6 +208,8 @@ void Worker::RunWorkerLoop(bool dryRun) {
       WriteLine(STDERR_FILENO, request.plugin->name + ": uncaught exception");
       std::exit(kUncaughtExceptionStatus);
     }
+    // Stopped mid-plugin: the scheduler reports the interruption, not this outcome.
+    if (StopSignal() != 0) std::exit(0);
     WorkerResponse response {request.plugin, succeeded ? 0 : 1, 0};
     if (!dryRun) Profile::RecordPlugin(request.plugin->name, start);
     std::cout.flush();
@@ -273,8 +285,10 @@ std::vector<PluginResult> Worker::PluginResults() {
   entries.reserve(pool.workers.size());
   for (const std::unique_ptr<Worker>& worker : pool.workers) entries.push_back({worker->responseFd, POLLIN, 0});
   int ready;
+  const timespec now {0, 0};
   do {
-    ready = poll(entries.data(), entries.size(), results.empty() ? -1 : 0);
+    ready = ppoll(entries.data(), entries.size(), results.empty() ? nullptr : &now, WaitMask());
+    if (StopSignal() != 0) Interrupt(StopSignal());
   } while (ready < 0 && errno == EINTR);
   if (ready < 0) return results;
 
@@ -297,6 +311,36 @@ std::vector<PluginResult> Worker::PluginResults() {
     }
   }
   return results;
+}
+
+void Worker::Interrupt(int signal) {
+  Pool& pool = ThePool();
+  for (const std::unique_ptr<Worker>& worker : pool.workers) kill(worker->pid, SIGTERM);
+  // Each worker ends its command's process group (SIGTERM, then SIGKILL after
+  // kSecondsToKill) and exits; one that does not within that time and a little more
+  // (stuck in a native plugin) is killed.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(Kitbag::AutoCli::kSecondsToKill + 2);
+  std::vector<pid_t> running;
+  for (const std::unique_ptr<Worker>& worker : pool.workers) running.push_back(worker->pid);
+  while (!running.empty()) {
+    std::erase_if(running, [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) != 0; });
+    if (running.empty()) break;
+    if (std::chrono::steady_clock::now() >= deadline) {
+      for (pid_t pid : running) kill(pid, SIGKILL);
+      for (pid_t pid : running) {
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+      }
+      break;
+    }
+    usleep(20000);
+  }
+  pool.workers.clear();
+  AlertLog() << "Bootstrand activation interrupted by " << StopSignalName(signal) << "." << std::endl;
+  // Not a completed run: no timing summary. exit() rather than _exit(), so that every
+  // stream is flushed.
+  Profile::OmitSummary();
+  std::exit(kInterruptedStatus);
 }
 
 void Worker::ResetPool() {

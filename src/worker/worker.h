@@ -77,6 +77,11 @@ class Worker {
   // Closes every request pipe, reaps the workers and forgets queued results, the
   // limit and the timing profile, so that tests can start again from scratch.
   static void ResetPool();
+  // The boot was asked to stop by `signal`: ends every worker and the commands they
+  // run, writes "Bootstrand activation interrupted by SIGTERM." (or SIGINT) on the
+  // alert channel and exits with kInterruptedStatus.
+  [[noreturn]] static void Interrupt(int signal);
+  static constexpr int kInterruptedStatus = 4;
   static std::size_t PoolSize();
   // True when every worker is busy and no other may be spawned: a plugin that is not
   // passed over cannot be handed over now.

@@ -65,17 +65,27 @@ std::string MeasuredWhile(const std::string& body) {
 // Memory a boot may take on account of a command's standard error, in KiB.
 constexpr long kMemoryBound = 8 * 1024;
 
-// The processes whose ids the command wrote to /pids are gone (or dead and not yet
-// reaped by init).
-void NothingLeftRunning(const HostRoot& root, const RunResult&) {
-  Lines pids = root.ReadLines("/pids");
-  EXPECT_EQ(pids.size(), 2u);
-  for (const std::string& pid : pids) {
-    std::string stat;
-    std::getline(std::ifstream("/proc/" + pid + "/stat"), stat);
-    std::size_t state = stat.rfind(") ");
-    EXPECT_TRUE(stat.empty() || stat.substr(state + 2, 1) == "Z") << stat;
+// The command lines of the live processes that a run in `root` started: they all
+// carry its BOOTSTRAND_ROOT (a dead process not yet reaped shows no environment).
+Lines ProcessesOf(const HostRoot& root) {
+  Lines found;
+  const std::string mark = "BOOTSTRAND_ROOT=" + root.Root();
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::ifstream environ(entry.path() / "environ");
+    for (std::string variable; std::getline(environ, variable, '\0');) {
+      if (variable != mark) continue;
+      std::string commandLine;
+      std::getline(std::ifstream(entry.path() / "cmdline"), commandLine);
+      found.push_back(entry.path().filename().string() + " " + commandLine);
+    }
   }
+  return found;
+}
+
+// Nothing the boot started is left, and the command's failure says why it ended.
+void NothingLeftRunning(const HostRoot& root, const RunResult&) {
+  EXPECT_EQ(root.ReadLines("/pids").size(), 2u);
+  EXPECT_EQ(ProcessesOf(root), Lines{});
   std::string log = root.ReadFile("/var/log/bootstrand-cormcli-stdout.log");
   EXPECT_NE(log.find("victim: command 'fault' timed out after 1 s\n"), std::string::npos) << log;
 }
@@ -220,6 +230,30 @@ TEST_P(Faults, TheBootEndsAndTheOtherPluginsRun) {
   std::sort(alerts.begin(), alerts.end());
   EXPECT_EQ(marks, fault.marks);
   EXPECT_EQ(alerts, fault.alerts);
+}
+
+// A boot asked to stop ends its workers and their commands, says so on the alert
+// channel and exits with a status of its own; the plugin that was running is not
+// reported, the ones after it are not started.
+TEST(Stop, EndsEverythingTheBootStarted) {
+  for (const char* signal : {"TERM", "INT"}) {
+    SCOPED_TRACE(signal);
+    HostRoot root;
+    root.WriteCommand("hang", "echo $$ >> \"$BOOTSTRAND_ROOT/pids\"\nsleep 1000 &\necho $! >> \"$BOOTSTRAND_ROOT/pids\"\nwait");
+    root.WritePlugins({{"other", {"o"}, {}, {"mark --name other"}}, {"victim", {"v"}, {}, {"hang", "mark --name victim"}},
+                       {"after", {"a"}, {"v"}, {"mark --name after"}}});
+    // Job control, so that the background boot does not start with SIGINT ignored.
+    std::string shell = std::string("set -m\n\"$0\" --max-workers 1 & boot=$!\n") +
+                        "until [ \"$(wc -l < \"$BOOTSTRAND_ROOT/pids\" 2>/dev/null)\" = 2 ]; do sleep 0.05; done\n" +
+                        "kill -" + signal + " $boot\nwait $boot\necho $? > \"$BOOTSTRAND_ROOT/status\"";
+    RunResult run = RunProgram("/bin/bash", root, {"-c", shell, BOOTSTRAND_BINARY}, {}, 30);
+    EXPECT_FALSE(run.timedOut);
+    EXPECT_EQ(root.ReadFile("/status"), "4\n");
+    EXPECT_EQ(root.Channel("alert"), Lines{std::string("Bootstrand activation interrupted by SIG") + signal + "."});
+    EXPECT_EQ(root.Marks(), Lines{"--name=other"});
+    EXPECT_EQ(ProcessesOf(root), Lines{});
+    EXPECT_EQ(root.ReadFile("/var/log/sysboot.log").find("==="), std::string::npos);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(, Faults, ::testing::ValuesIn(kFaults),

@@ -18,6 +18,7 @@
 #include <stdexcept>
 
 #include "platform/signals.h"
+#include "platform/stop_signals.h"
 #include "platform/unique_fd.h"
 
 extern char** environ;
@@ -83,8 +84,7 @@ void DiscardTheRest(bootstrand::UniqueFd pipe) {
     if (fork() == 0) {
       setsid();
       prctl(PR_SET_NAME, "bootstrand-drain");
-      signal(SIGTERM, SIG_DFL);
-      signal(SIGINT, SIG_DFL);
+      bootstrand::RestoreDefaultSignals();
       if (dup2(pipe.Get(), STDIN_FILENO) == STDIN_FILENO) {
         syscall(SYS_close_range, 1U, ~0U, 0U);
         fcntl(STDIN_FILENO, F_SETFL, 0);
@@ -128,6 +128,11 @@ class Bound {
     }
   }
 
+  // The boot is being stopped: the same steps, the first one now.
+  void Expire() {
+    if (!terminated_) deadline_ = Now();
+  }
+
   bool Terminated() const { return terminated_; }
 
   // After the leader has gone: the rest of its group gets until the kill to end.
@@ -148,6 +153,7 @@ class Bound {
 
 CommandProcessResult RunCommandProcess(const std::string& executable, const std::vector<std::string>& arguments,
                                        CommandErrors& errors, unsigned timeoutSeconds) {
+  if (bootstrand::StopSignal() != 0) throw std::runtime_error("not started: the boot is being stopped");
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>(executable.c_str()));
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
@@ -189,9 +195,12 @@ CommandProcessResult RunCommandProcess(const std::string& executable, const std:
   bool reading = true;
   for (;;) {
     pollfd watched[2] = {{readEnd.Get(), POLLIN, 0}, {ended.Get(), POLLIN, 0}};
+    if (bootstrand::StopSignal() != 0) bound.Expire();
     int wait = bound.Wait();
     if (!ended.Valid() && (wait < 0 || wait > 20)) wait = 20;
-    const int ready = poll(reading ? watched : watched + 1, reading ? 2 : 1, wait);
+    timespec timeout {wait / 1000, (wait % 1000) * 1000000L};
+    const int ready = ppoll(reading ? watched : watched + 1, reading ? 2 : 1, wait < 0 ? nullptr : &timeout,
+                            bootstrand::WaitMask());
     if (ready < 0 && errno != EINTR) throw std::runtime_error("cannot wait for " + executable + ": " + strerror(errno));
     if (reading && watched[0].revents != 0) reading = ReadAvailable(readEnd.Get(), errors);
     const pid_t reaped = waitpid(child, &result.waitStatus, WNOHANG);
@@ -199,7 +208,11 @@ CommandProcessResult RunCommandProcess(const std::string& executable, const std:
     if (reaped < 0 && errno != EINTR) throw std::runtime_error("cannot wait for " + executable + ": " + strerror(errno));
     bound.Step();
   }
-  if (bound.Terminated()) result.timedOut = timeoutSeconds;
+  if (bound.Terminated() && bootstrand::StopSignal() != 0) {
+    result.stopped = true;
+  } else if (bound.Terminated()) {
+    result.timedOut = timeoutSeconds;
+  }
   bound.Finish();
   // What the command wrote just before it ended is in the pipe still.
   if (reading && ReadAvailable(readEnd.Get(), errors)) DiscardTheRest(std::move(readEnd));

@@ -94,13 +94,15 @@ void Dispatcher::ExecuteCommand(std::shared_ptr<CommandInput> input, std::shared
     }
   }
 
-  if (result.timedOut == 0 && WIFEXITED(result.waitStatus) && WEXITSTATUS(result.waitStatus) == 0) {
+  if (result.timedOut == 0 && !result.stopped && WIFEXITED(result.waitStatus) && WEXITSTATUS(result.waitStatus) == 0) {
     errors.PassOn();
     return;
   }
   std::vector<std::string> lines = errors.FailureLines();
   if (result.timedOut != 0) {
     lines.insert(lines.begin(), "command '" + name + "' timed out after " + std::to_string(result.timedOut) + " s");
+  } else if (result.stopped) {
+    lines.insert(lines.begin(), "command '" + name + "' stopped: the boot is being stopped");
   } else if (lines.empty()) {
     if (WIFSIGNALED(result.waitStatus)) {
       lines.push_back("command '" + name + "' was killed by signal " + std::to_string(WTERMSIG(result.waitStatus)));
