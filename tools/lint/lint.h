@@ -39,7 +39,9 @@ void WriteLintUsage(std::ostream& stream);
 struct SkippedFile {
   std::string path;
   std::string reason;
-  std::string message;  // the activator's line on standard error
+  // The activator's line on standard error; for an entry that it passes over without
+  // a word, a line of the same form.
+  std::string message;
 };
 
 enum class FindingKind {
