@@ -393,9 +393,10 @@ LintReport Lint(const LintOptions& options) {
   LintReport report;
   report.workers = options.workers;
   Plugin::DisablePlugins(options.disable);
-  LoadFiles(options, report);
+  std::vector<std::string> files = LoadFiles(options, report);
 
   std::vector<const Plugin*> loaded(Plugin::plugins.begin(), Plugin::plugins.end());
+  report.trust = CheckTrust(options.paths, files, loaded);
   Positions positions;
   for (const Plugin* plugin : loaded) positions.emplace(plugin, positions.size());
   report.pluginCount = loaded.size();
