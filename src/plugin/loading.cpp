@@ -90,21 +90,32 @@ const std::vector<std::string>& Plugin::PluginDirectories() {
   return directories;
 }
 
-void Plugin::ListPluginDirectory(const std::string& directory, std::vector<std::string>& paths) {
+void Plugin::ListPluginDirectory(const std::string& directory, std::vector<std::string>& paths,
+                                 std::vector<PassedOverEntry>* passedOver) {
   DIR* listing = opendir(HostPath(directory).c_str());
   if (listing == nullptr) return;
+  const std::string prefix = directory + (directory.ends_with('/') ? "" : "/");
   while (const dirent* entry = readdir(listing)) {
     // The entry type as the directory reports it: links and unknown types are left out.
-    if (entry->d_type != DT_REG || entry->d_name[0] == '.') continue;
-    paths.push_back(directory + (directory.ends_with('/') ? "" : "/") + entry->d_name);
+    if (entry->d_name[0] == '.') continue;
+    if (entry->d_type == DT_REG) {
+      paths.push_back(prefix + entry->d_name);
+    } else if (passedOver != nullptr && entry->d_type != DT_DIR) {
+      using Type = PassedOverEntry::Type;
+      Type type = entry->d_type == DT_LNK ? Type::SymbolicLink
+                  : entry->d_type == DT_UNKNOWN ? Type::Unreported
+                                                : Type::SpecialFile;
+      passedOver->push_back({prefix + entry->d_name, type});
+    }
   }
   closedir(listing);
 }
 
-std::vector<std::string> Plugin::ListPluginFiles(const std::vector<std::string>& given) {
+std::vector<std::string> Plugin::ListPluginFiles(const std::vector<std::string>& given,
+                                                 std::vector<PassedOverEntry>* passedOver) {
   std::vector<std::string> files;
   if (given.empty()) {
-    for (const std::string& directory : PluginDirectories()) ListPluginDirectory(directory, files);
+    for (const std::string& directory : PluginDirectories()) ListPluginDirectory(directory, files, passedOver);
   }
   for (std::string path : given) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -112,9 +123,10 @@ std::vector<std::string> Plugin::ListPluginFiles(const std::vector<std::string>&
     struct stat status {};
     if (stat(HostPath(path).c_str(), &status) == 0) {
       if (S_ISDIR(status.st_mode)) {
-        ListPluginDirectory(path, files);
+        ListPluginDirectory(path, files, passedOver);
       } else {
-        files.push_back(path);
+        // The dynamic loader searches its library path for a name without "/".
+        files.push_back(path.find('/') == std::string::npos ? "./" + path : path);
       }
       continue;
     }

@@ -57,14 +57,26 @@ class Plugin {
   static void LoadNativePlugin(const std::string& path);
   // The two plugin directories (host paths), in listing order.
   static const std::vector<std::string>& PluginDirectories();
+  // An entry of a plugin directory that listing leaves out without a word although
+  // its name does not start with ".": a symbolic link, a special file, or one whose
+  // type the directory does not report. Only the linter asks for them.
+  struct PassedOverEntry {
+    enum class Type { SymbolicLink, SpecialFile, Unreported };
+    std::string path;
+    Type type;
+  };
   // Appends the plugin files of `directory` (a host path), unsorted: its regular
-  // files whose names do not start with ".".
-  static void ListPluginDirectory(const std::string& directory, std::vector<std::string>& paths);
+  // files whose names do not start with "."; and to `passedOver`, when given, the
+  // entries left out that are neither hidden nor directories.
+  static void ListPluginDirectory(const std::string& directory, std::vector<std::string>& paths,
+                                  std::vector<PassedOverEntry>* passedOver = nullptr);
   // The plugin files that `paths` (host paths: files or directories of them) name,
   // sorted and without repeats; none given, those of the two plugin directories. A
-  // name without "/" that is not there is looked up in the plugin directories. Throws
-  // std::runtime_error for a path that names nothing.
-  static std::vector<std::string> ListPluginFiles(const std::vector<std::string>& paths);
+  // name without "/" is a file of the current folder, listed as "./name", or when
+  // there is none, looked up in the plugin directories. Throws std::runtime_error
+  // for a path that names nothing.
+  static std::vector<std::string> ListPluginFiles(const std::vector<std::string>& paths,
+                                                  std::vector<PassedOverEntry>* passedOver = nullptr);
   // The line written to standard error for a file that cannot be loaded.
   static std::string SkippingMessage(const std::string& path, const std::exception& error);
 

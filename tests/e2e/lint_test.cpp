@@ -2,6 +2,9 @@
 // waves, the exit statuses, and that it leaves the host root exactly as it was. Where
 // the activator can say the same, the test asks it too.
 #include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -124,7 +127,7 @@ TEST(Lint, ReportsStopsAndWarnings) {
         {"kind": "disabled", "plugin": "dhcp4", "by": [{"entry": "dhcp4", "as": "name"}]},
         {"kind": "disabled", "plugin": "log1", "by": [{"entry": "syslog", "as": "tag"}]},
         {"kind": "disabled", "plugin": "log2", "by": [{"entry": "syslog", "as": "tag"}]},
-        {"kind": "unmatched_disable", "entry": "ghost"}],
+        {"kind": "unmatched_disable", "entry": "ghost"}], "trust": [],
       "waves": [{"run": ["keys", "net"], "passed_over": ["cert", "dhcp4", "log1", "log2"]},
                 {"run": ["ntp", "static4"], "passed_over": ["app"]}],
       "preempted": [{"plugin": "chrony", "by": "ntp", "wave": 2}]})"));
@@ -187,13 +190,99 @@ TEST(Lint, RejectsBadArgumentsWithStatus2) {
       {{"/nowhere.json"}, "cannot read /nowhere.json: No such file or directory"}};
   std::string usage = Lint(root, {"--help"}).out;
   EXPECT_EQ(usage.substr(0, usage.find('\n')),
-            "usage: bootstrand-lint [--json] [--workers N] [--disable a,b] [PATH...]");
+            "usage: bootstrand-lint [--json] [--strict] [--workers N] [--disable a,b] [PATH...]");
   for (const auto& [arguments, message] : cases) {
     RunResult run = Lint(root, arguments);
     EXPECT_EQ(run.exitStatus, 2) << message;
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, "bootstrand-lint: " + message + "\n" + usage);
   }
+}
+
+// Operator mistakes, each with its exit status and the one line that says what went
+// wrong: on standard error for the analyzer, among the skipped files for the linter,
+// which runs in the folder /work. Without --strict they keep the status of a boot
+// that would complete.
+TEST(Lint, OperatorMistakes) {
+  HostRoot root;
+  const std::string plugins = "/usr/libexec/bootstrand/plugins/", lint = BOOTSTRAND_LINT_BINARY;
+  std::filesystem::create_directories(root.Path("/work"));
+  std::filesystem::copy_file(BOOTSTRAND_TEST_PLUGIN_DIR "/api3.so", root.Path("/work/api3.so"));
+  root.WriteFile("/work/broken.json", "{ nope");
+  root.WriteFile(plugins + "empty.json", "");
+  root.WritePlugins({{"a", {"a"}, {}}});
+  std::filesystem::create_symlink("a.json", root.Path(plugins + "b.json"));
+  root.WriteFile("/var/log/garbage.log", "garbage\n");
+  const std::string link = "Skipping " + plugins + "b.json: symbolic link, which bootstrand passes over",
+                    empty = "Skipping " + plugins + "empty.json: 'value' is not a 'JsonObject'";
+  const struct {
+    std::vector<std::string> command;
+    int status;
+    std::string line;
+  } rows[] = {
+      {{lint, "api3.so"}, 0, "1 plugin, 0 stops, 0 warnings: boot would complete in 1 wave"},
+      {{lint, "--strict", "broken.json"}, 3, "Skipping ./broken.json: 'value' is not a 'JsonObject'"},
+      {{lint, plugins}, 0, link},
+      {{lint, "--strict"}, 3, link},
+      {{lint, plugins + "empty.json"}, 0, empty},
+      {{lint, "--strict", plugins + "empty.json"}, 3, empty},
+      {{BOOTSTRAND_ANALYZE_BINARY, root.Path("/var/log/garbage.log")}, 1,
+       "bootstrand-analyze: " + root.Path("/var/log/garbage.log") + " holds no timing record"},
+      {{BOOTSTRAND_ANALYZE_BINARY, "--compare", "/dev/null"}, 1, "bootstrand-analyze: /dev/null holds no timing record"},
+  };
+  root.WriteFile("/var/log/sysboot.log", "Ondrik Initialization Time: 3000000\n");
+  for (const auto& row : rows) {
+    std::vector<std::string> arguments = {"-c", "cd \"$BOOTSTRAND_ROOT/work\" && exec \"$@\"", "sh"};
+    arguments.insert(arguments.end(), row.command.begin(), row.command.end());
+    RunResult run = RunProgram("/bin/sh", root, arguments);
+    EXPECT_EQ(run.exitStatus, row.status) << row.line;
+    bool analyzer = row.command.front() != lint;
+    EXPECT_EQ(run.err, analyzer ? row.line + "\n" : "");
+    EXPECT_TRUE(analyzer || run.out.find(row.line + "\n") != std::string::npos) << run.out;
+  }
+}
+
+// Who besides root could change what a boot loads or runs: a plugin writable by its
+// group, a folder above the plugins writable by everyone despite its sticky bit, the
+// executable of a command two plugins run owned by another user, and the second
+// plugin directory a link of that user's to a folder anyone may write. Each is
+// reported once; only --strict fails on them. The tree was clean before.
+TEST(Lint, ReportsPathsOthersCouldChange) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving files to another user needs root";
+  HostRoot root;
+  root.WriteCommand("net up", "true");
+  root.WritePlugins({{"a", {"a"}, {}, {"net up"}}, {"b", {"b"}, {}, {"net up --fast"}}});
+  EXPECT_EQ(Lint(root, {"--strict", "--json"}).exitStatus, 0);
+
+  const passwd* user = getpwuid(65534);
+  const std::string other = user != nullptr ? user->pw_name : "65534";
+  ASSERT_EQ(chmod(root.Path("/usr/libexec/bootstrand/plugins/a.json").c_str(), 0664), 0);
+  ASSERT_EQ(chmod(root.Path("/usr/libexec").c_str(), 01777), 0);
+  ASSERT_EQ(chown(root.Path("/usr/lib/tessary/cormcli/net/up").c_str(), 65534, 0), 0);
+  std::filesystem::create_directories(root.Path("/opt/plugins"));
+  ASSERT_EQ(chmod(root.Path("/opt/plugins").c_str(), 0777), 0);
+  std::filesystem::create_symlink("../../../opt/plugins", root.Path("/usr/libexec/bootstrand/plugins2"));
+  ASSERT_EQ(lchown(root.Path("/usr/libexec/bootstrand/plugins2").c_str(), 65534, 0), 0);
+  RunResult run = Lint(root, {"--json"});
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_EQ(json::parse(run.out)["trust"], json::parse(R"([
+      {"path": "/opt/plugins", "owner": "root", "mode": "0777",
+       "reason": "writable by its group and others; reached through the symbolic link /usr/libexec/bootstrand/plugins2"},
+      {"path": "/usr/lib/tessary/cormcli/net/up", "owner": ")" + other + R"(", "mode": "0755",
+       "reason": "not owned by root"},
+      {"path": "/usr/libexec", "owner": "root", "mode": "1777",
+       "reason": "writable by its group and others, who may add files despite the sticky bit"},
+      {"path": "/usr/libexec/bootstrand/plugins/a.json", "owner": "root", "mode": "0664",
+       "reason": "writable by its group"},
+      {"path": "/usr/libexec/bootstrand/plugins2", "owner": ")" + other + R"(", "mode": "0777",
+       "reason": "symbolic link not owned by root"}])"));
+  run = Lint(root, {"--strict"});
+  EXPECT_EQ(run.exitStatus, 3);
+  EXPECT_NE(run.out.find("\nuntrusted: /usr/libexec/bootstrand/plugins/a.json (owner root, mode 0664): writable by "
+                         "its group\n"),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find(", 0 stops, 0 warnings, 5 untrusted paths: boot would complete"), std::string::npos);
 }
 
 }  // namespace

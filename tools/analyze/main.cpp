@@ -68,8 +68,8 @@ constexpr const char* kUsage =
     "  --help               print this text\n"
     "  --version            print the version\n"
     "\n"
-    "Exit status: 0 when the report was printed, 1 when an input cannot be read or the\n"
-    "SVG cannot be written, 2 for bad usage.\n";
+    "Exit status: 0 when the report was printed, 1 when an input cannot be read, a\n"
+    "timing log holds no timing record or the SVG cannot be written, 2 for bad usage.\n";
 
 struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
@@ -195,9 +195,17 @@ void ReportProblems(const Problems& problems) {
   }
 }
 
+// A log without a single record is not a boot to report on (an empty file, or the
+// wrong one); its lines are not listed one by one.
 TimingLog ReadTiming(const std::string& path, Problems& problems) {
   std::istringstream text(*ReadWholeFile(path, false));
-  return ReadTimingLog(text, path, problems);
+  Problems lines;
+  TimingLog log = ReadTimingLog(text, path, lines);
+  if (!log.kernelTime && !log.activationStart && !log.activationEnd && log.plugins.empty()) {
+    throw InputError(path + " holds no timing record");
+  }
+  problems.insert(problems.end(), lines.begin(), lines.end());
+  return log;
 }
 
 // The tags of the plugin files, when --plugins asks for the critical chain.

@@ -36,10 +36,12 @@ std::vector<std::string> Names(std::vector<const Plugin*> plugins, const Positio
   return names;
 }
 
-void LoadFiles(const LintOptions& options, LintReport& report) {
+// Returns the plugin files listed, whether they loaded or not.
+std::vector<std::string> LoadFiles(const LintOptions& options, LintReport& report) {
   std::vector<std::string> files;
+  std::vector<Plugin::PassedOverEntry> passedOver;
   try {
-    files = Plugin::ListPluginFiles(options.paths);
+    files = Plugin::ListPluginFiles(options.paths, &passedOver);
   } catch (const std::runtime_error& error) {
     throw UsageError(error.what());
   }
@@ -51,6 +53,16 @@ void LoadFiles(const LintOptions& options, LintReport& report) {
       report.skippedFiles.push_back({path, error.what(), Plugin::SkippingMessage(path, error)});
     }
   }
+  for (const Plugin::PassedOverEntry& entry : passedOver) {
+    using Type = Plugin::PassedOverEntry::Type;
+    std::string reason = entry.type == Type::SymbolicLink  ? "symbolic link, which bootstrand passes over"
+                         : entry.type == Type::SpecialFile ? "not a regular file, which bootstrand passes over"
+                                                           : "file type not reported, which bootstrand passes over";
+    report.skippedFiles.push_back({entry.path, reason, Plugin::SkippingMessage(entry.path, std::runtime_error(reason))});
+  }
+  std::stable_sort(report.skippedFiles.begin(), report.skippedFiles.end(),
+                   [](const SkippedFile& a, const SkippedFile& b) { return a.path < b.path; });
+  return files;
 }
 
 void FindUnprovidedTags(const std::vector<const Plugin*>& loaded, const Positions& positions,
@@ -381,9 +393,10 @@ LintReport Lint(const LintOptions& options) {
   LintReport report;
   report.workers = options.workers;
   Plugin::DisablePlugins(options.disable);
-  LoadFiles(options, report);
+  std::vector<std::string> files = LoadFiles(options, report);
 
   std::vector<const Plugin*> loaded(Plugin::plugins.begin(), Plugin::plugins.end());
+  report.trust = CheckTrust(options.paths, files, loaded);
   Positions positions;
   for (const Plugin* plugin : loaded) positions.emplace(plugin, positions.size());
   report.pluginCount = loaded.size();

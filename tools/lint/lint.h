@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "trust.h"
+
 namespace bootstrand::lint {
 
 // A bad command line or a path that names nothing; the program exits with status 2.
@@ -25,6 +27,7 @@ struct LintOptions {
   bool help = false;
   bool version = false;
   bool json = false;
+  bool strict = false;  // skipped files, warnings and trust findings fail the run too
   std::uint32_t workers = 0;  // 0: no limit, as the activator on a large host
   std::vector<std::string> disable;
   // Plugin files or directories; none: the built-in plugin and the two plugin
@@ -39,7 +42,9 @@ void WriteLintUsage(std::ostream& stream);
 struct SkippedFile {
   std::string path;
   std::string reason;
-  std::string message;  // the activator's line on standard error
+  // The activator's line on standard error; for an entry that it passes over without
+  // a word, a line of the same form.
+  std::string message;
 };
 
 enum class FindingKind {
@@ -110,13 +115,17 @@ struct LintReport {
   std::vector<Finding> warnings;
   std::vector<Wave> waves;
   std::vector<Preemption> preempted;
+  std::vector<TrustFinding> trust;
 
   bool BootCompletes() const { return stops.empty(); }
+  // What --strict fails on when the boot would complete.
+  bool HasFindings() const { return !skippedFiles.empty() || !warnings.empty() || !trust.empty(); }
 };
 
 // Loads the plugins into the process-wide registries (once per process, or after
-// Plugin::ResetRegistries) and examines them. Never opens the run-once marker. Throws
-// UsageError for a path that names nothing.
+// Plugin::ResetRegistries) and examines them, and checks who may change the files and
+// folders a boot would use. Never opens the run-once marker. Throws UsageError for a
+// path that names nothing.
 LintReport Lint(const LintOptions& options);
 
 void WriteReportText(const LintReport& report, std::ostream& stream);

@@ -27,7 +27,8 @@ int main(int argc, char* argv[]) {
     } else {
       WriteReportText(report, std::cout);
     }
-    return report.BootCompletes() ? 0 : 1;
+    if (!report.BootCompletes()) return 1;
+    return options.strict && report.HasFindings() ? 3 : 0;
   } catch (const UsageError& error) {
     std::cerr << "bootstrand-lint: " << error.what() << '\n';
     WriteLintUsage(std::cerr);

@@ -49,6 +49,8 @@ LintOptions ParseLintArguments(const std::vector<std::string>& arguments) {
       parsed.version = true;
     } else if (argument == "--json") {
       parsed.json = true;
+    } else if (argument == "--strict") {
+      parsed.strict = true;
     } else if (IsOption(argument, "--workers")) {
       parsed.workers = WorkerCount(Value("--workers", argument, arguments, index));
     } else if (IsOption(argument, "--disable")) {
@@ -63,14 +65,17 @@ LintOptions ParseLintArguments(const std::vector<std::string>& arguments) {
 }
 
 void WriteLintUsage(std::ostream& stream) {
-  stream << "usage: bootstrand-lint [--json] [--workers N] [--disable a,b] [PATH...]\n"
+  stream << "usage: bootstrand-lint [--json] [--strict] [--workers N] [--disable a,b] [PATH...]\n"
             "Reads plugins as bootstrand would, with the same loaders, and reports without\n"
             "activating anything: the files it would skip, what would stop a boot, what looks\n"
-            "wrong, and the activation order as waves of plugins that can run together.\n"
+            "wrong, the files and folders anyone but root could change, and the activation\n"
+            "order as waves of plugins that can run together.\n"
             "\n"
             "  PATH            a plugin file or a directory of them; none: the two plugin\n"
             "                  directories and the built-in plugin, as bootstrand loads them\n"
             "  --json          print the report as JSON\n"
+            "  --strict        fail with status 3 on skipped files, warnings and untrusted\n"
+            "                  paths too\n"
             "  --workers N     at most N plugins per wave (default: no limit)\n"
             "  --disable a,b   plugins, provided tags or run-once keys to disable, as\n"
             "                  bootstrand --disable\n"
@@ -78,7 +83,8 @@ void WriteLintUsage(std::ostream& stream) {
             "  -h, --help      show this help\n"
             "\n"
             "Host paths are taken under BOOTSTRAND_ROOT, as bootstrand takes them.\n"
-            "Exit status: 0 when a boot would complete, 1 when it would stop, 2 on usage errors.\n";
+            "Exit status: 0 when a boot would complete, 1 when it would stop, 2 on usage errors,\n"
+            "3 with --strict when a boot would complete but something was reported.\n";
   stream.flush();
 }
 

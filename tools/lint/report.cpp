@@ -163,6 +163,10 @@ void WriteReportText(const LintReport& report, std::ostream& stream) {
   for (const SkippedFile& skipped : report.skippedFiles) stream << skipped.message << '\n';
   for (const Finding& stop : report.stops) stream << "stop: " << FindingText(stop) << '\n';
   for (const Finding& warning : report.warnings) stream << "warning: " << FindingText(warning) << '\n';
+  for (const TrustFinding& finding : report.trust) {
+    stream << "untrusted: " << finding.path << " (owner " << finding.owner << ", mode " << finding.mode
+           << "): " << finding.reason << '\n';
+  }
 
   stream << "activation order, "
          << (report.workers == 0 ? "no worker limit" : "at most " + Counted(report.workers, "worker")) << ":\n";
@@ -183,7 +187,9 @@ void WriteReportText(const LintReport& report, std::ostream& stream) {
 
   stream << Counted(report.pluginCount, "plugin");
   if (!report.skippedFiles.empty()) stream << ", " << Counted(report.skippedFiles.size(), "skipped file");
-  stream << ", " << Counted(report.stops.size(), "stop") << ", " << Counted(report.warnings.size(), "warning") << ": "
+  stream << ", " << Counted(report.stops.size(), "stop") << ", " << Counted(report.warnings.size(), "warning");
+  if (!report.trust.empty()) stream << ", " << Counted(report.trust.size(), "untrusted path");
+  stream << ": "
          << (report.BootCompletes() ? "boot would complete in " : "boot would stop after ")
          << Counted(report.waves.size(), "wave") << '\n';
   stream.flush();
@@ -197,6 +203,7 @@ nlohmann::json ReportJson(const LintReport& report) {
       {"skipped_files", nlohmann::json::array()},
       {"stops", nlohmann::json::array()},
       {"warnings", nlohmann::json::array()},
+      {"trust", nlohmann::json::array()},
       {"waves", nlohmann::json::array()},
       {"preempted", nlohmann::json::array()},
   };
@@ -205,6 +212,10 @@ nlohmann::json ReportJson(const LintReport& report) {
   }
   for (const Finding& stop : report.stops) json["stops"].push_back(FindingJson(stop));
   for (const Finding& warning : report.warnings) json["warnings"].push_back(FindingJson(warning));
+  for (const TrustFinding& finding : report.trust) {
+    json["trust"].push_back(
+        {{"path", finding.path}, {"owner", finding.owner}, {"mode", finding.mode}, {"reason", finding.reason}});
+  }
   for (const Wave& wave : report.waves) json["waves"].push_back({{"run", wave.run}, {"passed_over", wave.passedOver}});
   for (const Preemption& preemption : report.preempted) {
     json["preempted"].push_back({{"plugin", preemption.plugin}, {"by", preemption.by}, {"wave", preemption.wave}});
