@@ -61,15 +61,23 @@ TEST_F(Installed, LaysOutTheFilesWithTheInstallPrefix) {
       "/usr/lib/systemd/system/bootstrand.service", "/usr/share/bash-completion/completions/bootstrand",
       "/usr/share/bash-completion/completions/bootstrand-lint",
       "/usr/share/bash-completion/completions/bootstrand-analyze", "/usr/share/doc/bootstrand/copyright",
-      "/usr/share/doc/bootstrand/changelog.gz", "/usr/share/lintian/overrides/bootstrand"};
+      "/usr/share/doc/bootstrand/changelog.Debian.gz", "/usr/share/doc/bootstrand-dev/copyright",
+      "/usr/share/doc/bootstrand-dev/changelog.Debian.gz", "/usr/share/lintian/overrides/bootstrand-dev",
+      "/usr/libexec/bootstrand/boot", "/etc/default/bootstrand", "/etc/logrotate.d/bootstrand", "/var/lib/bootstrand"};
   expected.insert(kManualPages.begin(), kManualPages.end());
   EXPECT_EQ(files, expected);
   std::string unit = scratch.ReadFile("/stage/usr/lib/systemd/system/bootstrand.service");
-  EXPECT_NE(unit.find("\nExecStart=/usr/sbin/bootstrand\n"), std::string::npos);
+  EXPECT_NE(unit.find("\nExecStart=/usr/libexec/bootstrand/boot\n"), std::string::npos);
+  EXPECT_NE(scratch.ReadFile("/stage/usr/libexec/bootstrand/boot").find("-/usr/sbin/bootstrand}\n"), std::string::npos);
   EXPECT_NE(scratch.ReadFile("/stage/usr/share/pkgconfig/bootstrand-plugin.pc").find("\nprefix=/usr\n"),
             std::string::npos);
   for (const std::string tool : {"bootstrand-lint", "bootstrand-analyze"}) {
     EXPECT_EQ(RunProgram(stage + "/usr/sbin/" + tool, scratch, {"--version"}).out, tool + " " BOOTSTRAND_VERSION "\n");
+  }
+  if (Available("logrotate")) {
+    RunResult rotate = Shell("logrotate -d \"$1\"", {stage + "/etc/logrotate.d/bootstrand"});
+    EXPECT_EQ(rotate.exitStatus, 0) << rotate.err;
+    EXPECT_EQ(rotate.err.find("error"), std::string::npos) << rotate.err;
   }
   if (!Available("groff")) GTEST_SKIP() << "groff is missing (tools/install-deps installs groff-base)";
   for (const std::string& page : kManualPages) {
@@ -78,7 +86,7 @@ TEST_F(Installed, LaysOutTheFilesWithTheInstallPrefix) {
     EXPECT_EQ(render.err, "") << page;
   }
   if (!Available("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is missing: the unit is not verified";
-  unit.replace(unit.find("/usr/sbin/bootstrand"), 20, stage + "/usr/sbin/bootstrand");
+  unit.replace(unit.find("/usr/libexec/bootstrand/boot"), 28, stage + "/usr/libexec/bootstrand/boot");
   scratch.WriteFile("/unit/bootstrand.service", unit);
   RunResult verify = Shell("systemd-analyze verify \"$1\"", {scratch.Path("/unit/bootstrand.service")},
                            {{"MANPATH", stage + "/usr/share/man"}});
