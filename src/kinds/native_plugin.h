@@ -20,7 +20,7 @@ class SymbolException : public Exception {
   explicit SymbolException(const char* format, Arguments... arguments) : Exception(format, arguments...) {}
 };
 
-class NativePlugin : public Plugin {
+class NativePlugin final : public Plugin {
  public:
   // Loads the object at `path` (a host path) and registers the plugin. Throws
   // Exception when the object cannot be loaded, SymbolException or VersionException

@@ -16,7 +16,7 @@
 namespace bootstrand::testing {
 
 // A plugin whose activation runs `activate` (success when it returns true).
-class TestPlugin : public Plugin {
+class TestPlugin final : public Plugin {
  public:
   using Plugin::Plugin;
   bool Activate(ActivateFlags) override { return activate(); }

@@ -125,7 +125,7 @@ TEST_F(NativePlugins, ActivateLogsTheInvocationAndReportsTheOutcome) {
     SCOPED_TRACE(::testing::Message() << file << " with flags " << flags);
     Writes written;
     NativePlugin& plugin = Load(file);
-    EXPECT_EQ(RunInChild([&plugin, flags] { return int{plugin.Activate(flags)}; }, &written), result);
+    EXPECT_EQ(RunInChild([&plugin, flags = flags] { return int{plugin.Activate(flags)}; }, &written), result);
     EXPECT_EQ(written, writes);
     EXPECT_EQ(root_.ReadFile(kNativeLog), nativeLog);
     EXPECT_EQ(root_.ReadFile(kKernelSink), kernel);
