@@ -13,6 +13,7 @@
 #include "platform/kmsg_output.h"
 #include "platform/standard_streams.h"
 #include "platform/syslog_output.h"
+#include "platform/trove.h"
 
 namespace bootstrand {
 
@@ -56,6 +57,11 @@ Made& TheMade() {
   return *made;
 }
 
+void AtExit() {
+  ClearLiveConsoleLines();
+  if (TheMade().outputs != nullptr) TheMade().outputs->Finish();
+}
+
 }  // namespace
 
 ChannelOutputs::ChannelOutputs(const char* channels, const char* root) {
@@ -85,7 +91,7 @@ ChannelOutputs& ChannelOutputs::Current() {
   if (channels == nullptr) channels = "";
   if (root == nullptr) root = "";
   if (made.outputs == nullptr) {
-    std::atexit(ClearLiveConsoleLines);
+    std::atexit(AtExit);
   } else if (made.channels == channels && made.root == root) {
     return *made.outputs;
   }
@@ -99,6 +105,7 @@ ChannelOutputs& ChannelOutputs::Current() {
 
 void ChannelOutputs::Open() {
   opened_ = true;
+  openedBy_ = getpid();
   for (Listed& listed : outputs_) {
     int error = listed.output->Open();
     if (error != 0) LeaveOut(listed, ~0u, listed.output->Entry(), error);
@@ -137,6 +144,23 @@ std::vector<std::string> ChannelOutputs::Entries() const {
   std::vector<std::string> entries;
   for (const Listed& listed : outputs_) entries.push_back(listed.output->Entry());
   return entries;
+}
+
+void ChannelOutputs::Finish() {
+  // Forked workers run the exit handlers too, with copies of the outputs.
+  if (!opened_ || openedBy_ != getpid()) return;
+  auto takesKernel = [](const Listed& listed) {
+    return (listed.leftOut & 1u << Trove_NODE_system_log) == 0 && listed.output->Takes(Trove_NODE_system_log);
+  };
+  for (Listed& listed : outputs_) {
+    if (!takesKernel(listed)) continue;
+    std::string elsewhere;
+    for (const Listed& other : outputs_) {
+      if (&other == &listed || !takesKernel(other)) continue;
+      elsewhere += (elsewhere.empty() ? "" : ", ") + other.output->Describe(Trove_NODE_system_log);
+    }
+    listed.output->Finish(elsewhere);
+  }
 }
 
 void ClearLiveConsoleLines() {

@@ -8,6 +8,8 @@
 // Trove_Set hands every delivered message to Deliver.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -39,6 +41,10 @@ class ChannelOutputs {
   // The entries of the outputs, in order ("files", "console=/dev/console", ...).
   std::vector<std::string> Entries() const;
 
+  // At exit of the process that opened the outputs, after the live lines are
+  // cleared: each output's last word (ChannelOutput::Finish).
+  void Finish();
+
  private:
   struct Listed {
     std::unique_ptr<ChannelOutput> output;
@@ -51,6 +57,7 @@ class ChannelOutputs {
 
   std::vector<Listed> outputs_;
   bool opened_ = false;
+  pid_t openedBy_ = 0;
 
   friend void ClearLiveConsoleLines();
 };

@@ -6,6 +6,7 @@
 #include "log/process_logging.h"
 #include "log/trove_buffer.h"
 #include "platform/channel_outputs.h"
+#include "platform/kmsg_rate_limit.h"
 #include "platform/trove.h"
 #include "support/test_plugin.h"
 
@@ -70,6 +71,24 @@ TEST(ChannelOutputsTest, TheListAndItsDefaultsFollowTheVariableAndTheRoot) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), errors);
     EXPECT_EQ(outputs.Entries(), entries) << (channels ? channels : "(unset)") << " with root "
                                           << (root ? root : "(unset)");
+  }
+}
+
+// The kernel keeps 10 records in any 5 seconds (a margin of 50 ms for its clock): the
+// wait, in milliseconds, of a record after writes that ended at the given times.
+TEST(KmsgRateLimitTest, ARecordWaitsUntilTheTenthBeforeItIsFiveSecondsOld) {
+  const std::vector<int> tenInASecond = {0, 100, 200, 300, 400, 500, 600, 700, 800, 900};
+  std::vector<int> eleven = tenInASecond;
+  eleven.push_back(5050);
+  const std::tuple<std::vector<int>, int, int> cases[] = {
+      {{}, 0, 0}, {{0, 0, 0, 0, 0, 0, 0, 0, 0}, 1, 0}, {tenInASecond, 1000, 4050},
+      {tenInASecond, 5050, 0}, {eleven, 5060, 90},
+  };
+  for (const auto& [writes, at, wait] : cases) {
+    KmsgRateLimit limit;
+    KmsgRateLimit::Clock::time_point start;
+    for (int end : writes) limit.Wrote(start + std::chrono::milliseconds(end));
+    EXPECT_EQ(limit.WaitAt(start + std::chrono::milliseconds(at)), std::chrono::milliseconds(wait)) << at;
   }
 }
 
