@@ -141,7 +141,7 @@ make_debian_disk() {
   $as_root install -m 644 "$guest_files/boot-test-report.service" "$root/etc/systemd/system/"
   $as_root ln -s ../boot-test-report.service "$root/etc/systemd/system/multi-user.target.wants/"
   rm -f "$folder/disk.ext4"
-  $as_root mke2fs -q -t ext4 -L boot-test -d "$root" "$folder/disk.ext4" 2G
+  $as_root mke2fs -q -t ext4 -L boot-test -d "$root" "$folder/disk.ext4" 2G >&2
   $as_root rm -rf "$root"
 }
 
@@ -160,6 +160,7 @@ boot_guest() {
     -display none -monitor none -serial "file:$folder/console.log" -serial "file:$folder/report.log" \
     -kernel "$kernel" -initrd "$initrd" -append "console=ttyS0 panic=-1 $arguments" "$@" || status=$?
   echo "$status $((SECONDS - started))" >"$folder/qemu-status"
+  echo "Booted $folder: QEMU status $status after $((SECONDS - started)) s" >&2
 }
 
 # guest FOLDER: the guest whose report and console the checks below read; they
