@@ -8,6 +8,9 @@
 # sections, "== NAME" followed by the section's lines, and "== end" when it is done;
 # then it powers off. Only the functions below read reports.
 
+# A step that fails inside $(...) fails the caller too.
+shopt -s inherit_errexit
+
 work=build-boot-test
 cache=$work/cache  # kept from run to run: rm -rf build-boot-test/cache to fetch again
 guest_files=tools/boot-test-guest
@@ -47,17 +50,23 @@ package_under_test() {
   echo "$PWD/${debs[0]}"
 }
 
+# download_kernel FOLDER: the package of the kernel that linux-image-cloud-amd64 names
+# (the meta package holds no files), downloaded into FOLDER.
+download_kernel() {
+  local versioned
+  versioned=$(apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-.*\)$/\1/p')
+  [ -n "$versioned" ] && (cd "$1" && apt-get download -qq -o APT::Sandbox::User=root "$versioned") >&2
+}
+
 # Debian's cloud kernel package, downloaded once (never installed here): its path.
 kernel_package() {
   local folder=$cache/kernel debs
   debs=("$folder"/linux-image-*.deb)
   if [ ! -f "${debs[0]}" ]; then
-    local versioned
-    # The meta package names the current kernel; that one holds the files.
-    versioned=$(apt-cache depends linux-image-cloud-amd64 | sed -n 's/^ *Depends: \(linux-image-.*\)$/\1/p' | head -n 1)
-    [ -n "$versioned" ] || { echo "apt-cache knows no linux-image-cloud-amd64" >&2; return 1; }
     mkdir -p "$folder"
-    (cd "$folder" && apt-get download -qq -o APT::Sandbox::User=root "$versioned") >&2
+    # Package lists that are missing or old name no kernel, or one the mirror no
+    # longer has: read them again once.
+    download_kernel "$folder" || { $as_root apt-get update -qq >&2 && download_kernel "$folder"; }
     debs=("$folder"/linux-image-*.deb)
   fi
   echo "$PWD/${debs[0]}"
@@ -142,6 +151,8 @@ make_debian_disk() {
   $as_root ln -s ../boot-test-report.service "$root/etc/systemd/system/multi-user.target.wants/"
   rm -f "$folder/disk.ext4"
   $as_root mke2fs -q -t ext4 -L boot-test -d "$root" "$folder/disk.ext4" 2G >&2
+  # QEMU writes to it as the user who runs the test.
+  $as_root chown "$(id -u):$(id -g)" "$folder/disk.ext4"
   $as_root rm -rf "$root"
 }
 
