@@ -30,7 +30,8 @@ install_boot_test_deps() {
   [ ${#missing[@]} -eq 0 ] && return
   echo "Installing: ${missing[*]}" >&2
   $as_root apt-get update -qq >&2
-  DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -qq "${missing[@]}" >&2
+  # Without the recommended graphical front ends and firmware, which no boot here needs.
+  DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
 # The activator's package built from this checkout (tools/package), or the one that
