@@ -32,6 +32,11 @@ class ChannelOutput {
   // Takes a live line that this process shows off the screen until the next status
   // message; for consoles only.
   virtual void ClearLiveLine() {}
+  // The last word of an output that still takes the kernel channel, at exit of the
+  // process that opened it: the kmsg output's count of the lines it held back.
+  // `kernelElsewhere` names the other outputs that took the channel, as in a
+  // failure's report ("files (/var/run/trove/system.log.log), syslog"), or is empty.
+  virtual void Finish(const std::string& /*kernelElsewhere*/) {}
 
  private:
   std::string entry_;

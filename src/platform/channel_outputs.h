@@ -3,10 +3,14 @@
 //   console[=PATH]   status and progress as a live line, and the alerts (console_output.h)
 //   kmsg[=PATH]      kernel-channel and alert messages as kernel log records (kmsg_output.h)
 //   syslog           every channel to syslog(3) (syslog_output.h)
-// Unset or empty, it is "files" for a host root under another folder and
-// "files,console,kmsg,syslog" on a real host (BOOTSTRAND_ROOT unset, empty or "/").
+// Unset or empty, or naming no output, it is "files" for a host root under another
+// folder and "files,console,kmsg,syslog" on a real host (BOOTSTRAND_ROOT unset, empty
+// or "/"), without kmsg where the system log is the journal: the journal reads the
+// kernel log too, and would hold every kernel-channel line and alert twice.
 // Trove_Set hands every delivered message to Deliver.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <memory>
@@ -20,9 +24,11 @@ namespace bootstrand {
 class ChannelOutputs {
  public:
   // The outputs that `channels` lists for the host root `root` (values of
-  // BOOTSTRAND_CHANNELS and BOOTSTRAND_ROOT, null when unset), each once. An entry
-  // that names no output is reported on standard error and left out. Opens nothing.
-  ChannelOutputs(const char* channels, const char* root);
+  // BOOTSTRAND_CHANNELS and BOOTSTRAND_ROOT, null when unset), each once; `journal`:
+  // the system log is the journal. An entry that names no output is reported on
+  // standard error and left out; a list of nothing else is reported once, whole, and
+  // the default takes its place. Opens nothing.
+  ChannelOutputs(const char* channels, const char* root, bool journal);
 
   // The outputs for the environment of the moment, made again when BOOTSTRAND_CHANNELS
   // or BOOTSTRAND_ROOT has changed since the last call.
@@ -39,6 +45,10 @@ class ChannelOutputs {
   // The entries of the outputs, in order ("files", "console=/dev/console", ...).
   std::vector<std::string> Entries() const;
 
+  // At exit of the process that opened the outputs, after the live lines are
+  // cleared: each output's last word (ChannelOutput::Finish).
+  void Finish();
+
  private:
   struct Listed {
     std::unique_ptr<ChannelOutput> output;
@@ -51,6 +61,7 @@ class ChannelOutputs {
 
   std::vector<Listed> outputs_;
   bool opened_ = false;
+  pid_t openedBy_ = 0;
 
   friend void ClearLiveConsoleLines();
 };

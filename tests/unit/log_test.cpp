@@ -6,6 +6,7 @@
 #include "log/process_logging.h"
 #include "log/trove_buffer.h"
 #include "platform/channel_outputs.h"
+#include "platform/kmsg_rate_limit.h"
 #include "platform/trove.h"
 #include "support/test_plugin.h"
 
@@ -55,21 +56,45 @@ TEST(TroveBuffer, EachDeliveryFailureHasItsMessageAndSilencesItsChannel) {
 TEST(ChannelOutputsTest, TheListAndItsDefaultsFollowTheVariableAndTheRoot) {
   unsetenv("BOOTSTRAND_CONSOLE");  // the console output's default device
   const std::vector<std::string> realHost = {"files", "console=/dev/console", "kmsg=/dev/kmsg", "syslog"};
-  const std::string notAnOutput = "\" is not an output (files, console[=PATH], kmsg[=PATH], syslog); left out\n";
-  const std::tuple<const char*, const char*, std::vector<std::string>, std::string> cases[] = {
-      {nullptr, nullptr, realHost, ""}, {" ", "//", realHost, ""}, {"", "/tmp/host/", {"files"}, ""},
-      {" kmsg=/tmp/k , files,,files,kmsg=/tmp/k", nullptr, {"kmsg=/tmp/k", "files"}, ""},
-      {"console,console=/dev/tty", "/tmp/host", {"console=/dev/console", "console=/dev/tty"}, ""},
-      {"consle,console=,files=x,syslog", "/", {"syslog"},
+  const std::string outputs = " (files, console[=PATH], kmsg[=PATH], syslog)";
+  const std::string notAnOutput = "\" is not an output" + outputs + "; left out\n";
+  const std::tuple<const char*, const char*, bool, std::vector<std::string>, std::string> cases[] = {
+      {nullptr, nullptr, false, realHost, ""},
+      {" ", "//", false, realHost, ""},
+      {"", "/tmp/host/", true, {"files"}, ""},
+      {" kmsg=/tmp/k , files,,files,kmsg=/tmp/k", nullptr, false, {"kmsg=/tmp/k", "files"}, ""},
+      {"console,console=/dev/tty", "/tmp/host", false, {"console=/dev/console", "console=/dev/tty"}, ""},
+      {"consle,console=,files=x,syslog", "/", false, {"syslog"},
        "BOOTSTRAND_CHANNELS: \"consle" + notAnOutput + "BOOTSTRAND_CHANNELS: \"console=" + notAnOutput +
            "BOOTSTRAND_CHANNELS: \"files=x" + notAnOutput},
+      // Where the journal reads the kernel log, kmsg would put each line there twice.
+      {" , consle", nullptr, true, {"files", "console=/dev/console", "syslog"},
+       "BOOTSTRAND_CHANNELS: \" , consle\" names no output" + outputs + "; the default files,console,syslog is used\n"},
   };
-  for (const auto& [channels, root, entries, errors] : cases) {
+  for (const auto& [channels, root, journal, entries, errors] : cases) {
     ::testing::internal::CaptureStderr();
-    ChannelOutputs outputs(channels, root);
+    ChannelOutputs outputs(channels, root, journal);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), errors);
     EXPECT_EQ(outputs.Entries(), entries) << (channels ? channels : "(unset)") << " with root "
                                           << (root ? root : "(unset)");
+  }
+}
+
+// The kernel keeps 10 records in any 5 seconds (a margin of 50 ms for its clock): the
+// wait, in milliseconds, of a record after writes that ended at the given times.
+TEST(KmsgRateLimitTest, ARecordWaitsUntilTheTenthBeforeItIsFiveSecondsOld) {
+  const std::vector<int> tenInASecond = {0, 100, 200, 300, 400, 500, 600, 700, 800, 900};
+  std::vector<int> eleven = tenInASecond;
+  eleven.push_back(5050);
+  const std::tuple<std::vector<int>, int, int> cases[] = {
+      {{}, 0, 0}, {{0, 0, 0, 0, 0, 0, 0, 0, 0}, 1, 0}, {tenInASecond, 1000, 4050},
+      {tenInASecond, 5050, 0}, {eleven, 5060, 90},
+  };
+  for (const auto& [writes, at, wait] : cases) {
+    KmsgRateLimit limit;
+    KmsgRateLimit::Clock::time_point start;
+    for (int end : writes) limit.Wrote(start + std::chrono::milliseconds(end));
+    EXPECT_EQ(limit.WaitAt(start + std::chrono::milliseconds(at)), std::chrono::milliseconds(wait)) << at;
   }
 }
 
