@@ -1,10 +1,20 @@
 // bootstrand-analyze on real boots: two boots of the example tree by the real
 // activator, the second with one command slowed, analysed and compared; its exit
-// statuses; damaged inputs reported and skipped.
+// statuses; damaged inputs reported and skipped; a boot's metrics served by a real
+// node_exporter.
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "platform/unique_fd.h"
 #include "support/host_root.h"
 
 #ifdef BOOTSTRAND_ANALYZE_BINARY
@@ -114,7 +124,7 @@ TEST_F(Analyzer, ExitStatusesForUsageAndUnreadableInputs) {
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
            {"--bogus"}, {"--top", "many"}, {"--svg"}, {"--json=yes"}, {"one.log", "two.log"},
            {"--threshold", "5ms"}, {"--compare", "old.log", "--threshold", "5"},
-           {"--compare", "old.log", "--kernel-log", "k.log"}}) {
+           {"--compare", "old.log", "--kernel-log", "k.log"}, {"--openmetrics", "--top", "3"}}) {
     run = Analyze(arguments);
     EXPECT_EQ(run.exitStatus, 2) << arguments.front();
     EXPECT_NE(run.err.find("\n\nUsage: bootstrand-analyze"), std::string::npos) << run.err;
@@ -129,6 +139,94 @@ TEST_F(Analyzer, ExitStatusesForUsageAndUnreadableInputs) {
     EXPECT_EQ(run.exitStatus, 1) << arguments.front() << run.err;
     EXPECT_NE(run.err.find(arguments.back()), std::string::npos) << run.err;
   }
+}
+
+constexpr const char* kPromtool = "/usr/bin/promtool";
+constexpr const char* kNodeExporter = "/usr/bin/prometheus-node-exporter";
+
+// A loopback port that nothing listens on, as the kernel picks one.
+int FreeLoopbackPort() {
+  UniqueFd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t length = sizeof address;
+  bool bound = bind(probe.Get(), reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+               getsockname(probe.Get(), reinterpret_cast<sockaddr*>(&address), &length) == 0;
+  return bound ? ntohs(address.sin_port) : -1;
+}
+
+// The samples named bootstrand_... of an exposition, by series as written.
+std::map<std::string, double> BootSeries(const std::string& exposition) {
+  std::map<std::string, double> series;
+  std::istringstream lines(exposition);
+  for (std::string line; std::getline(lines, line);) {
+    std::size_t space = line.rfind(' ');
+    if (line.starts_with("bootstrand_")) series[line.substr(0, space)] = std::stod(line.substr(space));
+  }
+  return series;
+}
+
+// What a fleet's monitoring gets from a boot of the example tree: the boot step's
+// script renames the metrics into node_exporter's textfile folder, promtool has nothing
+// to say about them, and a real node_exporter serves each series with the analyzer's
+// figures. One plugin's name needs escaping and holds a byte that is not UTF-8.
+TEST_F(Analyzer, BootMetricsReachANodeExporterScrape) {
+  for (const char* tool : {kPromtool, kNodeExporter}) {
+    if (access(tool, X_OK) != 0) GTEST_SKIP() << tool << " is missing (tools/install-deps installs it)";
+  }
+  const std::string folder = root.Path("/var/lib/prometheus/node-exporter"), file = folder + "/bootstrand.prom";
+  std::filesystem::create_directories(folder);
+  auto publish = [&] {
+    std::string path = std::filesystem::path(BOOTSTRAND_ANALYZE_BINARY).parent_path().string() + ":" + getenv("PATH");
+    return RunProgram(BOOTSTRAND_PACKAGING_DIR "/boot-metrics", root, {}, {{"PATH", path}});
+  };
+  RunResult run = publish();  // no boot yet: nothing to publish, and nothing left behind
+  EXPECT_EQ(run.exitStatus, 1);
+  EXPECT_NE(run.err.find("\nboot-metrics: the boot's metrics were not written to " + file + "\n"), std::string::npos)
+      << run.err;
+  EXPECT_TRUE(std::filesystem::is_empty(folder));
+
+  root.CopyExampleTree();
+  root.WritePlugin("say \"hi\\\" caf\xe9.json", JsonPlugin({}, {}, {"mark --name odd"}));
+  double bootStart = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  ASSERT_EQ(RunBootstrand(root, {}).exitStatus, 0);
+  run = publish();
+  EXPECT_EQ(std::to_string(run.exitStatus) + run.err, "0");
+  EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0644));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
+  run = RunProgram("/bin/sh", root, {"-c", "\"$0\" check metrics <\"$1\"", kPromtool, file});
+  EXPECT_EQ(std::to_string(run.exitStatus) + run.out + run.err, "0");
+
+  // Started by the shell and ended with it (or with its process group, at the time
+  // limit); fetched with bash's /dev/tcp once it listens.
+  run = RunProgram("/bin/bash", root, {"-c", R"(
+      "$0" --web.listen-address="127.0.0.1:$2" --collector.disable-defaults --collector.textfile \
+        --web.disable-exporter-metrics --collector.textfile.directory="$1" 2>/dev/null &
+      trap 'kill $!; wait' EXIT
+      for _ in $(seq 100); do
+        if exec 3<>"/dev/tcp/127.0.0.1/$2"; then
+          printf 'GET /metrics HTTP/1.0\r\n\r\n' >&3 && cat <&3; exit
+        fi 2>/dev/null
+        sleep 0.1
+      done)", kNodeExporter, folder, std::to_string(FreeLoopbackPort())}, {}, 30);
+  ASSERT_NE(run.out.find("\nnode_textfile_scrape_error 0\n"), std::string::npos) << run.out;
+  std::map<std::string, double> served = BootSeries(run.out);
+  EXPECT_EQ(served, BootSeries(root.ReadFile("/var/lib/prometheus/node-exporter/bootstrand.prom")));
+  json report = json::parse(Analyze({"--json"}).out);
+  EXPECT_EQ(served["bootstrand_activation_duration_seconds"], report["activation_us"].get<double>() / 1e6);
+  EXPECT_EQ(served["bootstrand_kernel_to_activation_seconds"], report["kernel_to_activation_us"].get<double>() / 1e6);
+  EXPECT_EQ(served["bootstrand_activation_completed"], 1);
+  EXPECT_EQ(served["bootstrand_plugins{outcome=\"failed\"}"], 1);
+  EXPECT_EQ(served["bootstrand_plugins{outcome=\"activated\"}"], 13);
+  EXPECT_EQ(served["bootstrand_plugins{outcome=\"skipped\"}"], 1);
+  EXPECT_NEAR(served["bootstrand_activation_start_timestamp_seconds"], bootStart, 30);
+  const std::string odd = R"({plugin="say \"hi\\\" caf)" "\xef\xbf\xbd\"}";  // escaped, U+FFFD for \xe9
+  for (const json& plugin : report["plugins"]) {
+    std::string name = plugin["name"], label = name.starts_with("say ") ? odd : "{plugin=\"" + name + "\"}";
+    EXPECT_EQ(served["bootstrand_plugin_duration_seconds" + label], plugin["duration_us"].get<double>() / 1e6) << name;
+    EXPECT_EQ(served["bootstrand_plugin_failed" + label], name == "40-syslog-forward" ? 1 : 0) << name;
+  }
+  // The boot's, by outcome, by plugin (timed, and all), each looked up above.
+  EXPECT_EQ(served.size(), 4u + 6u + 14u + 15u) << run.out;
 }
 
 }  // namespace

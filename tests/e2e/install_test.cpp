@@ -55,7 +55,7 @@ TEST_F(Installed, LaysOutTheFilesWithTheInstallPrefix) {
   std::set<std::string> expected = {
       "/usr/sbin/bootstrand", "/usr/sbin/bootstrand-lint", "/usr/sbin/bootstrand-analyze",
       "/usr/include/bootstrand/native_plugin.h", "/usr/share/pkgconfig/bootstrand-plugin.pc",
-      "/usr/libexec/bootstrand/plugins", "/usr/libexec/bootstrand/plugins2",
+      "/usr/libexec/bootstrand/plugins", "/usr/libexec/bootstrand/plugins2", "/usr/libexec/bootstrand/boot-metrics",
       "/usr/share/cmake/BootstrandPlugin/BootstrandPluginConfig.cmake",
       "/usr/share/cmake/BootstrandPlugin/BootstrandPluginConfigVersion.cmake",
       "/usr/lib/systemd/system/bootstrand.service", "/usr/share/bash-completion/completions/bootstrand",
@@ -63,7 +63,8 @@ TEST_F(Installed, LaysOutTheFilesWithTheInstallPrefix) {
       "/usr/share/bash-completion/completions/bootstrand-analyze", "/usr/share/doc/bootstrand/copyright",
       "/usr/share/doc/bootstrand/changelog.Debian.gz", "/usr/share/doc/bootstrand-dev/copyright",
       "/usr/share/doc/bootstrand-dev/changelog.Debian.gz", "/usr/share/lintian/overrides/bootstrand-dev",
-      "/usr/libexec/bootstrand/boot", "/etc/default/bootstrand", "/etc/logrotate.d/bootstrand", "/var/lib/bootstrand"};
+      "/usr/libexec/bootstrand/boot", "/etc/default/bootstrand", "/etc/logrotate.d/bootstrand", "/var/lib/bootstrand",
+      "/usr/share/doc/bootstrand/examples/prometheus/bootstrand.rules.yml"};
   expected.insert(kManualPages.begin(), kManualPages.end());
   EXPECT_EQ(files, expected);
   std::string unit = scratch.ReadFile("/stage/usr/lib/systemd/system/bootstrand.service");

@@ -1,6 +1,6 @@
 // The boot analyzer's readers (timing log, channel sinks, plugin files), its blame
-// order and critical chain, the bars of its SVG timeline, and the comparison of two
-// boots.
+// order and critical chain, the bars of its SVG timeline, its metrics, and the
+// comparison of two boots.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -8,6 +8,7 @@
 
 #include "analyze/analysis.h"
 #include "analyze/comparison.h"
+#include "analyze/openmetrics.h"
 #include "analyze/plugin_outcomes.h"
 #include "analyze/timeline_svg.h"
 #include "analyze/timing_log.h"
@@ -162,6 +163,48 @@ TEST(AnalyzeReport, BlameAndTimelineOrderThePlugins) {
                          "activated chain late"}));
   EXPECT_EQ(svg.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\"", 0), 0u);
   EXPECT_EQ(svg.substr(svg.size() - 7), "</svg>\n");
+}
+
+// The metrics' samples (their HELP and TYPE lines are promtool's, end to end): names
+// escaped, bytes not UTF-8 (stray, overlong, a surrogate, past U+10FFFF) replaced,
+// names that make the same label one series; then a boot that did not end.
+TEST(AnalyzeReport, MetricsHoldOneSeriesPerLabelValue) {
+  auto samples = [](const Analysis& analysis) {
+    std::ostringstream output;
+    WriteOpenMetrics(output, analysis);
+    std::istringstream lines(output.str());
+    std::string text;
+    for (std::string line; std::getline(lines, line);) text += line.starts_with("# ") ? "" : line + "\n";
+    return text;
+  };
+  Analysis analysis = Analyzed({{"a\"b\\c\nd", 0, 40}, {"dup", 10, 20}, {"x\xff", 20, 25}, {"dup", 30, 60},
+                                {"x\xfe", 50, 51},
+                                {"\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xf0\x9f\x98\x80\xc3", 60, 60}},
+                               "Activating Bootstrand plugin dup.\nBootstrand plugin dup activated.\n"
+                               "Activating Bootstrand plugin dup.\nBootstrand plugin dup activation failed.\n"
+                               "Activating Bootstrand plugin x\xff.\nBootstrand plugin x\xff activated.\n"
+                               "Bootstrand plugin pre skipped.\n");
+  analysis.timing.kernelTime = 61000000;
+  const std::string fffd = "\xef\xbf\xbd", x = "{plugin=\"x" + fffd + "\"}",
+                    odd = "{plugin=\"" + fffd + fffd + fffd + fffd + fffd + fffd + fffd + fffd + fffd +
+                          "\xf0\x9f\x98\x80" + fffd + "\"}";
+  EXPECT_EQ(samples(analysis),
+            "bootstrand_activation_start_timestamp_seconds 1794830709\n"
+            "bootstrand_activation_duration_seconds 0.1\nbootstrand_activation_completed 1\n"
+            "bootstrand_kernel_to_activation_seconds 61\n"
+            "bootstrand_plugins{outcome=\"activated\"} 2\nbootstrand_plugins{outcome=\"failed\"} 1\n"
+            "bootstrand_plugins{outcome=\"skipped\"} 1\nbootstrand_plugins{outcome=\"opportunistic_skipped\"} 0\n"
+            "bootstrand_plugins{outcome=\"opportunistic_failed\"} 0\nbootstrand_plugins{outcome=\"unknown\"} 3\n"
+            "bootstrand_plugin_duration_seconds{plugin=\"a\\\"b\\\\c\\nd\"} 0.04\n"
+            "bootstrand_plugin_duration_seconds{plugin=\"dup\"} 0.04\nbootstrand_plugin_duration_seconds" + x +
+                " 0.006\nbootstrand_plugin_duration_seconds" + odd + " 0\n"
+                "bootstrand_plugin_failed{plugin=\"a\\\"b\\\\c\\nd\"} 0\nbootstrand_plugin_failed{plugin=\"dup\"} 1\n"
+                "bootstrand_plugin_failed" + x + " 0\nbootstrand_plugin_failed" + odd + " 0\n"
+                "bootstrand_plugin_failed{plugin=\"pre\"} 0\n");
+  std::string unended = samples(Analyzed({{"late", 1500, 2750}, {"early", 1250, 1300}}, "", false));
+  EXPECT_EQ(unended.substr(0, unended.find("bootstrand_plugins")),
+            "bootstrand_activation_start_timestamp_seconds 1794830710.25\n"
+            "bootstrand_activation_duration_seconds 1.5\nbootstrand_activation_completed 0\n");
 }
 
 // Thresholds are a duration, a percentage or both; a change must pass both. Before:

@@ -1,7 +1,7 @@
 // bootstrand-analyze: reads the boot timing log and the message-channel sinks of a
 // boot and prints where the time went, or compares two boots; optionally draws the
-// boot (or both) as an SVG timeline. It only reads the host; the one file it writes
-// is the SVG it is asked for.
+// boot (or both) as an SVG timeline, or prints the boot's metrics for a fleet's
+// monitoring. It only reads the host; the one file it writes is the SVG it is asked for.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -21,6 +21,7 @@
 #include "analyze/comparison.h"
 #include "analyze/comparison_svg.h"
 #include "analyze/dependency_graph.h"
+#include "analyze/openmetrics.h"
 #include "analyze/plugin_outcomes.h"
 #include "analyze/timeline_svg.h"
 #include "analyze/timing_log.h"
@@ -53,6 +54,10 @@ constexpr const char* kUsage =
     "  --svg FILE           also write the timeline as an SVG image to FILE\n"
     "  --top N              list the N slowest plugins (default 10, 0 for all)\n"
     "  --json               print the figures as one JSON object instead of text\n"
+    "  --openmetrics        print the boot's metrics instead of the report, in the\n"
+    "                       Prometheus text format that node_exporter's textfile\n"
+    "                       collector reads; only with TIMING-LOG, --kernel-log and\n"
+    "                       --alert-log\n"
     "  --compare OLD-LOG    compare with an earlier boot, whose timing log was kept as\n"
     "                       OLD-LOG: the change of the totals, the plugins that got\n"
     "                       slower or faster (as many of each as --top says), those\n"
@@ -88,7 +93,9 @@ struct Options {
   std::optional<std::string> compare;  // the timing log of the earlier boot
   std::optional<Threshold> threshold;
   std::size_t top = 10;
+  bool topGiven = false;
   bool json = false;
+  bool openMetrics = false;
   bool help = false;
   bool version = false;
 };
@@ -124,6 +131,9 @@ Options ParseOptions(int argc, char** argv) {
     } else if (argument == "--json") {
       noValue();
       options.json = true;
+    } else if (argument == "--openmetrics") {
+      noValue();
+      options.openMetrics = true;
     } else if (argument == "--kernel-log") {
       options.kernelLog = value();
     } else if (argument == "--alert-log") {
@@ -141,6 +151,7 @@ Options ParseOptions(int argc, char** argv) {
         throw UsageError("--top needs a count, not '" + number + "'");
       }
       options.top = static_cast<std::size_t>(top);
+      options.topGiven = true;
     } else if (argument == "--compare") {
       options.compare = value();
     } else if (argument == "--threshold") {
@@ -161,6 +172,9 @@ Options ParseOptions(int argc, char** argv) {
     }
   }
   if (options.threshold && !options.compare) throw UsageError("--threshold needs --compare");
+  if (options.openMetrics && (options.json || options.svg || options.compare || options.plugins || options.topGiven)) {
+    throw UsageError("--openmetrics prints the metrics alone: drop --json, --svg, --compare, --plugins and --top");
+  }
   if (options.compare && (options.kernelLog || options.alertLog)) {
     throw UsageError("--compare reads no channel sinks: drop --kernel-log and --alert-log");
   }
@@ -267,7 +281,9 @@ int Run(const Options& options) {
   Analysis analysis = Analyze(std::move(timing), outcomes, graph ? &*graph : nullptr);
   ReportProblems(problems);
   if (options.svg && !WriteSvg(*options.svg, [&](std::ostream& svg) { WriteTimelineSvg(svg, analysis); })) return 1;
-  if (options.json) {
+  if (options.openMetrics) {
+    WriteOpenMetrics(std::cout, analysis);
+  } else if (options.json) {
     nlohmann::json report = ReportJson(analysis, options.top);
     report["timing_log"] = timingPath;
     PrintJson(std::move(report), problems);
