@@ -157,6 +157,34 @@ make_debian_disk() {
   $as_root rm -rf "$root"
 }
 
+# edit_disk_file DISK PATH COMMAND...: the root-owned file PATH of the ext4 image DISK,
+# whose guest is powered off, replaced by what COMMAND prints when it reads the file,
+# with the same mode. Written with debugfs, so that nothing is mounted here.
+edit_disk_file() {
+  local disk=$1 path=$2 name=${2##*/} copy mode
+  shift 2
+  mode=$($as_root debugfs -R "stat $path" "$disk" 2>/dev/null | sed -n 's/.*Mode: *\([0-7]*\).*/\1/p')
+  [ -n "$mode" ] || { echo "$disk holds no $path" >&2; return 1; }
+  copy=$(mktemp)
+  $as_root debugfs -R "cat $path" "$disk" 2>/dev/null | "$@" >"$copy"
+  chmod "$mode" "$copy"
+  # debugfs's write takes the mode and the owner of the copy, and a name in the
+  # current folder; it reports its errors with status 0, so the file is read back.
+  $as_root debugfs -w -f - "$disk" >/dev/null 2>&1 <<EOF
+cd ${path%/*}
+rm $name
+write $copy $name
+sif $name uid 0
+sif $name gid 0
+EOF
+  if ! $as_root debugfs -R "cat $path" "$disk" 2>/dev/null | cmp -s "$copy" -; then
+    echo "debugfs could not write $path in $disk" >&2
+    rm -f "$copy"
+    return 1
+  fi
+  rm -f "$copy"
+}
+
 # boot_guest FOLDER KERNEL INITRD KERNEL_ARGUMENTS [QEMU_ARGUMENT...]: boots a guest
 # under QEMU, its console into FOLDER/console.log and its report into
 # FOLDER/report.log. TCG unless BOOT_TEST_KVM=1: KVM was seen to fail on these
