@@ -58,7 +58,15 @@ int KmsgOutput::Open() {
 
 int KmsgOutput::Deliver(std::uint32_t node, const std::string& text) {
   if (text.empty()) return 0;
-  if (node == Trove_NODE_system_sysAlert) return Write(LOG_WARNING, text);
+  if (node == Trove_NODE_system_sysAlert) {
+    if (!limited_) return Write(LOG_WARNING, text);
+    if (alertsWritten_ >= kPacedAlerts) {
+      ++alertsHeldBack_;
+      return 0;
+    }
+    ++alertsWritten_;
+    return Write(LOG_WARNING, text);
+  }
   if (!limited_) return Write(LOG_INFO, text);
   heldBack_->fetch_add(1, std::memory_order_relaxed);
   return 0;
@@ -66,8 +74,11 @@ int KmsgOutput::Deliver(std::uint32_t node, const std::string& text) {
 
 void KmsgOutput::Finish(const std::string& kernelElsewhere) {
   unsigned count = heldBack_->load(std::memory_order_relaxed);
-  if (!fd_.Valid() || count == 0) return;
+  if (!fd_.Valid() || (count == 0 && alertsHeldBack_ == 0)) return;
   std::string text = std::to_string(count) + (count == 1 ? " kernel-channel line" : " kernel-channel lines");
+  if (alertsHeldBack_ > 0) {
+    text += " and " + std::to_string(alertsHeldBack_) + (alertsHeldBack_ == 1 ? " alert" : " alerts");
+  }
   text += kernelElsewhere.empty() ? " went nowhere" : " went only to " + kernelElsewhere;
   Write(LOG_INFO, text + ": the kernel log takes them with printk.devkmsg=on");
 }

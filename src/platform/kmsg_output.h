@@ -11,7 +11,9 @@
 // drops the rest. Then the alerts alone are written, paced within that limit so that
 // none is lost, and the kernel-channel lines are counted instead: at exit, the
 // process that opened the output writes one record with their count and the outputs
-// that have them (Finish).
+// that have them (Finish). Pacing holds the boot half a second an alert past the
+// burst, so past kPacedAlerts (a boot where everything fails) alerts are counted too,
+// and the boot is held 25 seconds at the most.
 #pragma once
 
 #include <atomic>
@@ -34,6 +36,8 @@ class KmsgOutput : public ChannelOutput {
  private:
   int Write(int level, const std::string& text);
 
+  static constexpr unsigned kPacedAlerts = 60;
+
   std::string path_;
   UniqueFd fd_;
   bool limited_ = false;
@@ -43,6 +47,9 @@ class KmsgOutput : public ChannelOutput {
   // share with the process that opened the output; ownCount_ only if that fails.
   std::atomic<unsigned>* heldBack_ = &ownCount_;
   std::atomic<unsigned> ownCount_ {0};
+  // Alerts come from the process that runs the activation only.
+  unsigned alertsWritten_ = 0;
+  unsigned alertsHeldBack_ = 0;
 };
 
 }  // namespace bootstrand
