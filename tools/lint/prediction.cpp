@@ -36,7 +36,8 @@ analyze::TimingLog ReadLog(const std::string& path, analyze::Problems& problems)
     throw std::runtime_error("cannot read " + path + ": " + error.what());
   }
   if (!text) {
-    throw std::runtime_error("cannot read " + path + (errno != 0 ? ": " + std::string(std::strerror(errno)) : ""));
+    // Only a folder leaves errno alone.
+    throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno != 0 ? errno : EISDIR));
   }
   std::istringstream input(*text);
   analyze::TimingLog log = analyze::ReadTimingLog(input, path, problems);
