@@ -5,7 +5,9 @@
 //   bench_generate SHAPE N OUTPUT TICK [SLEEP_MS]
 //
 // SHAPE is chain, fan, layered (random layers of about sqrt(N) nodes with a fixed
-// seed) or layered:L (L such layers). Prints the length of the longest chain.
+// seed) or layered:L (L such layers). SLEEP_MS is how long each job sleeps, or MIN-MAX
+// for a random whole number of milliseconds in that range per job (fixed seed).
+// Prints the length of the longest chain.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -73,14 +75,21 @@ std::string Name(int node) {
 
 int main(int argc, char** argv) {
   if (argc < 5) {
-    std::cerr << "usage: bench_generate chain|fan|layered|layered:LAYERS N OUTPUT TICK [SLEEP_MS]\n";
+    std::cerr << "usage: bench_generate chain|fan|layered|layered:LAYERS N OUTPUT TICK [SLEEP_MS|MIN-MAX]\n";
     return 2;
   }
   std::string shape = argv[1];
   int n = std::atoi(argv[2]);
   std::filesystem::path output = argv[3];
   std::string tick = std::filesystem::absolute(argv[4]).string();
-  int sleepMs = argc > 5 ? std::atoi(argv[5]) : 0;
+  std::string sleepText = argc > 5 ? argv[5] : "0";
+  int sleepMin = std::atoi(sleepText.c_str());
+  int sleepMax = sleepText.find('-') != std::string::npos ? std::atoi(sleepText.c_str() + sleepText.find('-') + 1)
+                                                          : sleepMin;
+  std::mt19937 sleepRandom(20261124);
+  auto sleepOf = [&] {
+    return sleepMax > sleepMin ? sleepMin + static_cast<int>(sleepRandom() % (sleepMax - sleepMin + 1)) : sleepMin;
+  };
   // "layered:20": twenty layers instead of about sqrt(n).
   int layers = shape.rfind("layered:", 0) == 0 ? std::atoi(shape.c_str() + 8) : 0;
   Graph graph = shape == "chain" ? Chain(n) : shape == "fan" ? Fan(n) : Layered(n, layers);
@@ -103,13 +112,13 @@ int main(int argc, char** argv) {
   // The jobs of make and ninja get the very arguments that the command dispatcher
   // passes (one "--name=value" each): /bin/true, for one, does more work when it is
   // given exactly one argument.
-  ninja << "rule tick\n  command = " << tick << " --name=$name"
-        << (sleepMs > 0 ? " --sleep-ms=" + std::to_string(sleepMs) : "") << "\n";
+  ninja << "rule tick\n  command = " << tick << " --name=$name$sleep\n";
 
   for (int i = 0; i < n; ++i) {
     std::string name = Name(i);
     std::vector<std::string> requires_;
     for (int dependency : graph[i]) requires_.push_back(Name(dependency));
+    int sleepMs = sleepOf();
     std::string command = "tick --name " + name + (sleepMs > 0 ? " --sleep-ms " + std::to_string(sleepMs) : "");
     nlohmann::json plugin = {
         {"metadata", {{"version", 1}, {"provides", {name}}, {"requires", requires_}}},
@@ -127,6 +136,9 @@ int main(int argc, char** argv) {
       for (const std::string& dependency : requires_) ninja << ' ' << dependency;
     }
     ninja << "\n  name = " << name << "\n";
+    // Ninja strips the leading blank of a value, so the blank before the option
+    // comes from an escaped space.
+    if (sleepMs > 0) ninja << "  sleep = $ --sleep-ms=" << sleepMs << "\n";
   }
   ninja << "default";
   for (int i = 0; i < n; ++i) ninja << ' ' << Name(i);

@@ -143,6 +143,7 @@ TEST_F(Installed, CompletionOffersOptionsPluginsAndTagsWithoutRunningTheActivato
       {"bootstrand --disable 10-devices,stor", "10-devices,storage"},
       {"bootstrand --provides re", "remote-access remote-syslog"},
       {"bootstrand-analyze --plugins 60", "60-ssh.json"},
+      {"bootstrand-lint --predict sysboot.log --set-time 40-t", "40-time="},
   };
   scratch.WriteFile("/complete.bash",
                     "source \"$1\"; source \"$2\"; PATH=$3:$PATH; shift 3\n"

@@ -1,9 +1,11 @@
 // The scheduler's passes through a worker pool without processes: which plugins are
-// handed over in which pass, and the outcome lines and status text it writes.
+// handed over in which pass, and the outcome lines and status text it writes; the
+// linter's pool in virtual time under the real scheduler.
 #include <deque>
 #include <utility>
 
 #include "plugin/scheduler.h"
+#include "simulated_pool.h"
 #include "support/test_plugin.h"
 #include "worker/worker.h"
 
@@ -126,6 +128,52 @@ TEST_F(Scheduling, HandsOverInListOrderAndReportsEachOutcome) {
     EXPECT_EQ(root.Channel("kernel"), scenario.kernel);
     EXPECT_EQ(root.Channel("alert"), scenario.alert);
     EXPECT_EQ(root.Channel("status"), scenario.statusText);
+  }
+}
+
+// Each plugin's virtual start and end, in the order the pool returned them: the clock
+// moves to the next end only when nothing else is there to collect, plugins ending at
+// one instant come back in hand-over order, and a full pool holds ready plugins back.
+TEST_F(Scheduling, TheSimulatedPoolRunsPluginsInVirtualTime) {
+  struct {
+    const char* label;
+    std::vector<PluginSpec> plugins;  // in load order
+    std::uint32_t workers;  // 0: no limit
+    std::map<std::string, lint::Microseconds> durations;
+    std::vector<std::string> disabled;
+    std::string finished;  // "name start-end", "~" when passed over
+  } const scenarios[] = {
+      {"TheClockMovesToTheNextEnd",
+       {{"a", {"a"}, {}}, {"b", {"b"}, {"a"}}, {"c", {"c"}, {}}, {"z", {"z"}, {}}}, 0,
+       {{"a", 100}, {"b", 50}, {"c", 30}, {"z", 0}}, {}, "z 0-0, c 0-30, a 0-100, b 100-150, "},
+      {"PluginsEndingAtOneInstantComeBackInHandOverOrder",
+       {{"a", {"a"}, {}}, {"b", {"b"}, {}}, {"c", {"c"}, {}}, {"d", {"d"}, {"b"}}}, 0,
+       {{"a", 100}, {"b", 30}, {"c", 100}, {"d", 70}}, {}, "b 0-30, a 0-100, c 0-100, d 30-100, "},
+      {"AFullPoolHoldsReadyPluginsBackInListOrder",
+       {{"a", {"a"}, {}}, {"b", {"b"}, {}}, {"c", {"c"}, {}}, {"d", {"d"}, {}}}, 2,
+       {{"a", 100}, {"b", 30}, {"c", 50}, {"d", 10}}, {}, "b 0-30, c 30-80, d 80-90, a 0-100, "},
+      // Passed over while the only worker is busy, and collected without waiting.
+      {"APluginPassedOverEndsAtOnceWithoutAWorker",
+       {{"r", {"r"}, {}}, {"d", {"d"}, {}}, {"e", {"e"}, {"d"}}}, 1,
+       {{"r", 100}, {"d", 500}, {"e", 50}}, {"d"}, "d~ 0-0, r 0-100, e 100-150, "},
+      {"APluginPassedOverReleasesItsDependantsAtOnce",
+       {{"r", {"r"}, {}}, {"d", {"d"}, {}}, {"e", {"e"}, {"d"}}}, 2,
+       {{"r", 100}, {"d", 500}, {"e", 50}}, {"d"}, "d~ 0-0, e 0-50, r 0-100, "},
+  };
+  for (const auto& scenario : scenarios) {
+    SCOPED_TRACE(scenario.label);
+    Plugin::ResetRegistries();
+    Plugin::DisablePlugins(scenario.disabled);
+    for (const PluginSpec& spec : scenario.plugins) Make(spec.name, spec.provides, spec.requires_).Register();
+    lint::SimulatedPool pool(scenario.workers, [&](const Plugin& plugin) { return scenario.durations.at(plugin.name); });
+    ActivateFlags flags = 0;
+    EXPECT_TRUE(Scheduler(pool, flags).Run());
+    std::string finished;
+    for (const lint::SimulatedPool::Run& run : pool.Finished()) {
+      finished += run.plugin->name + (run.passedOver ? "~ " : " ") + std::to_string(run.start) + "-" +
+                  std::to_string(run.end) + ", ";
+    }
+    EXPECT_EQ(finished, scenario.finished);
   }
 }
 

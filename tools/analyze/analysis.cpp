@@ -46,18 +46,6 @@ nlohmann::json OrNull(const std::optional<T>& value) {
 
 }  // namespace
 
-std::string FormatDuration(Microseconds duration) {
-  char text[64];
-  if (duration < 1000 && duration > -1000) {
-    std::snprintf(text, sizeof text, "%lld us", static_cast<long long>(duration));
-  } else if (duration < 1000000 && duration > -1000000) {
-    std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(duration) / 1e3);
-  } else {
-    std::snprintf(text, sizeof text, "%.3f s", static_cast<double>(duration) / 1e6);
-  }
-  return text;
-}
-
 Analysis Analyze(TimingLog timing, const PluginOutcomes& outcomes, const DependencyGraph* graph) {
   Analysis analysis;
   analysis.timing = std::move(timing);

@@ -39,7 +39,4 @@ void PrintReport(std::ostream& output, const Analysis& analysis, std::size_t top
 // The same figures as one JSON object; times are microseconds.
 nlohmann::json ReportJson(const Analysis& analysis, std::size_t top);
 
-// "850 us", "12.3 ms", "4.021 s".
-std::string FormatDuration(Microseconds duration);
-
 }  // namespace bootstrand::analyze

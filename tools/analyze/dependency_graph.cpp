@@ -17,6 +17,10 @@ void DependencyGraph::Load(const std::vector<std::string>& paths, Problems& prob
       problems.push_back({file, 0, std::string("not loaded, left out of the chain: ") + error.what()});
     }
   }
+  ReadWaits();
+}
+
+void DependencyGraph::ReadWaits() {
   for (const Plugin* holder : Plugin::plugins) {
     waitsOn_[holder->name];
     Plugin::plugins.WaitersOf(*holder, [&](const PluginList::Wait& wait) {

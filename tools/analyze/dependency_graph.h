@@ -23,6 +23,9 @@ class DependencyGraph {
   // std::runtime_error for a path that names nothing; a file the activator would
   // skip is reported in `problems` and left out.
   void Load(const std::vector<std::string>& paths, Problems& problems);
+  // Takes who waits on whom from the plugins listed now, loaded by someone else; the
+  // list must not have been activated yet, since activation empties it.
+  void ReadWaits();
 
   // True when some file declares a plugin called `name`.
   bool Knows(const std::string& name) const { return waitsOn_.count(name) != 0; }

@@ -2,6 +2,7 @@
 
 #include <sys/time.h>
 
+#include <cstdio>
 #include <sstream>
 
 #include "log/profile.h"
@@ -84,6 +85,18 @@ std::string FormatTimestamp(Microseconds time) {
   std::ostringstream text;
   WriteTimestamp(text, value);
   return text.str();
+}
+
+std::string FormatDuration(Microseconds duration) {
+  char text[64];
+  if (duration < 1000 && duration > -1000) {
+    std::snprintf(text, sizeof text, "%lld us", static_cast<long long>(duration));
+  } else if (duration < 1000000 && duration > -1000000) {
+    std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(duration) / 1e3);
+  } else {
+    std::snprintf(text, sizeof text, "%.3f s", static_cast<double>(duration) / 1e6);
+  }
+  return text;
 }
 
 TimingLog ReadTimingLog(std::istream& input, const std::string& file, Problems& problems) {

@@ -38,4 +38,7 @@ std::optional<Microseconds> ParseTimestamp(std::string_view text);
 // The same format back, as the activator writes it.
 std::string FormatTimestamp(Microseconds time);
 
+// "850 us", "12.3 ms", "4.021 s".
+std::string FormatDuration(Microseconds duration);
+
 }  // namespace bootstrand::analyze

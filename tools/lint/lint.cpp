@@ -396,7 +396,7 @@ LintReport Lint(const LintOptions& options) {
   std::vector<std::string> files = LoadFiles(options, report);
 
   std::vector<const Plugin*> loaded(Plugin::plugins.begin(), Plugin::plugins.end());
-  report.trust = CheckTrust(options.paths, files, loaded);
+  if (!options.predict) report.trust = CheckTrust(options.paths, files, loaded);
   Positions positions;
   for (const Plugin* plugin : loaded) positions.emplace(plugin, positions.size());
   report.pluginCount = loaded.size();
@@ -406,10 +406,14 @@ LintReport Lint(const LintOptions& options) {
   FindRunOnceWithoutVersion(loaded, report.warnings);
   FindDisabled(loaded, options.disable, report.warnings);
 
-  WavePool pool(options.workers, positions, report);
-  ActivateFlags flags = 0;
-  Scheduler(pool, flags).Run();
-  pool.End();
+  if (options.predict) {
+    report.prediction = Predict(*options.predict, options.workers);
+  } else {
+    WavePool pool(options.workers, positions, report);
+    ActivateFlags flags = 0;
+    Scheduler(pool, flags).Run();
+    pool.End();
+  }
   if (!Plugin::plugins.empty()) Deadlock(positions).Report(report.stops);
   return report;
 }

@@ -8,11 +8,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "prediction.h"
 #include "trust.h"
 
 namespace bootstrand::lint {
@@ -33,6 +35,8 @@ struct LintOptions {
   // Plugin files or directories; none: the built-in plugin and the two plugin
   // directories, as the activator loads them.
   std::vector<std::string> paths;
+  // --predict: the boot's times from a timing log instead of the waves, and no trust checks.
+  std::optional<PredictOptions> predict;
 };
 
 // Throws UsageError for an unknown option, a missing value or a bad number.
@@ -116,6 +120,7 @@ struct LintReport {
   std::vector<Wave> waves;
   std::vector<Preemption> preempted;
   std::vector<TrustFinding> trust;
+  std::optional<Prediction> prediction;  // instead of the waves
 
   bool BootCompletes() const { return stops.empty(); }
   // What --strict fails on when the boot would complete.
@@ -124,8 +129,8 @@ struct LintReport {
 
 // Loads the plugins into the process-wide registries (once per process, or after
 // Plugin::ResetRegistries) and examines them, and checks who may change the files and
-// folders a boot would use. Never opens the run-once marker. Throws UsageError for a
-// path that names nothing.
+// folders a boot would use, or with --predict predicts the boot's times instead.
+// Never opens the run-once marker. Throws UsageError for a path that names nothing.
 LintReport Lint(const LintOptions& options);
 
 void WriteReportText(const LintReport& report, std::ostream& stream);

@@ -21,6 +21,7 @@ int main(int argc, char* argv[]) {
     // ever report through them.
     bootstrand::DeactivateKernelLog();
     LintReport report = Lint(options);
+    if (report.prediction) WritePredictionProblems(*report.prediction, std::cerr);
     if (options.json) {
       // Names come from file names and native plugins' bytes: invalid UTF-8 is replaced.
       std::cout << ReportJson(report).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;

@@ -168,8 +168,13 @@ void WriteReportText(const LintReport& report, std::ostream& stream) {
            << "): " << finding.reason << '\n';
   }
 
-  stream << "activation order, "
-         << (report.workers == 0 ? "no worker limit" : "at most " + Counted(report.workers, "worker")) << ":\n";
+  std::string limit = report.workers == 0 ? "no worker limit" : "at most " + Counted(report.workers, "worker");
+  if (report.prediction) {
+    stream << "predicted boot, " << limit << ", from the timing log " << report.prediction->timingLog << ":\n";
+    WritePredictionText(*report.prediction, stream);
+  } else {
+    stream << "activation order, " << limit << ":\n";
+  }
   std::size_t nextPreemption = 0;
   for (std::size_t index = 0; index < report.waves.size(); ++index) {
     const Wave& wave = report.waves[index];
@@ -189,9 +194,16 @@ void WriteReportText(const LintReport& report, std::ostream& stream) {
   if (!report.skippedFiles.empty()) stream << ", " << Counted(report.skippedFiles.size(), "skipped file");
   stream << ", " << Counted(report.stops.size(), "stop") << ", " << Counted(report.warnings.size(), "warning");
   if (!report.trust.empty()) stream << ", " << Counted(report.trust.size(), "untrusted path");
-  stream << ": "
-         << (report.BootCompletes() ? "boot would complete in " : "boot would stop after ")
-         << Counted(report.waves.size(), "wave") << '\n';
+  stream << ": " << (report.BootCompletes() ? "boot would complete in " : "boot would stop after ");
+  if (report.prediction) {
+    stream << analyze::FormatDuration(report.prediction->activation);
+    if (report.prediction->lastActivation) {
+      stream << " (the last boot: " << analyze::FormatDuration(*report.prediction->lastActivation) << ")";
+    }
+  } else {
+    stream << Counted(report.waves.size(), "wave");
+  }
+  stream << '\n';
   stream.flush();
 }
 
@@ -219,6 +231,10 @@ nlohmann::json ReportJson(const LintReport& report) {
   for (const Wave& wave : report.waves) json["waves"].push_back({{"run", wave.run}, {"passed_over", wave.passedOver}});
   for (const Preemption& preemption : report.preempted) {
     json["preempted"].push_back({{"plugin", preemption.plugin}, {"by", preemption.by}, {"wave", preemption.wave}});
+  }
+  if (report.prediction) {
+    for (const char* instead : {"trust", "waves", "preempted"}) json.erase(instead);
+    json.update(PredictionJson(*report.prediction));
   }
   return json;
 }
