@@ -31,8 +31,6 @@ class CommandErrors {
   // saying how many more there were, when there were more.
   std::vector<std::string> FailureLines() const;
 
-  bool Empty() const { return lines_ == 0; }
-
  private:
   void Write(std::string_view text) const;
   void Count(std::string_view text);
