@@ -8,6 +8,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "platform/clocks.h"
 #include "platform/host_path.h"
 
 namespace bootstrand {
@@ -19,15 +20,14 @@ Profile::Profile()
       pid(getpid()) {
   struct sysinfo info {};
   unsigned long long uptime = sysinfo(&info) == 0 ? static_cast<unsigned long long>(info.uptime) : 0;
-  gettimeofday(&startTime, nullptr);
+  startTime = WallClockNow();
   WriteLine("Ondrik Initialization Time: " + std::to_string(uptime * 1000000ULL) + "\n");
   instance = this;
 }
 
 Profile::~Profile() {
   if (summary && getpid() == pid) {
-    timeval end {};
-    gettimeofday(&end, nullptr);
+    timeval end = WallClockNow();
     WriteLine("=== Bootstrand configuration info ===\n");
     std::ostringstream start;
     WriteTimestamp(start << " Start: ", startTime) << '\n';
@@ -40,8 +40,10 @@ Profile::~Profile() {
 }
 
 void Profile::RecordPlugin(const std::string& name, const timeval& start) {
-  timeval end {};
-  gettimeofday(&end, nullptr);
+  RecordPlugin(name, start, WallClockNow());
+}
+
+void Profile::RecordPlugin(const std::string& name, const timeval& start, const timeval& end) {
   std::ostringstream line;
   line << '[';
   WriteTimestamp(line, start) << " - ";

@@ -23,6 +23,8 @@ class Profile {
 
   // Appends "[<start> - <now>] sysboot: <name>". The profile must exist.
   static void RecordPlugin(const std::string& name, const timeval& start);
+  // The same line with an end read by the caller.
+  static void RecordPlugin(const std::string& name, const timeval& start, const timeval& end);
   // The run did not end normally: the profile, if any, writes no summary.
   static void OmitSummary();
 

@@ -14,6 +14,7 @@
 #include "platform/log_identity.h"
 #include "platform/main_memory.h"
 #include "plugin/plugin.h"
+#include "plugin/recorded_run.h"
 #include "worker/worker.h"
 
 namespace bootstrand {
@@ -85,7 +86,9 @@ void ActivationMode(StartupState& state, std::ostream& alert) {
       Worker::LimitWorkers(1);
     }
   }
+  RecordedRun::Begin(state.flags);
   Plugin::ActivatePlugins(state.flags);
+  RecordedRun::Completed();
 }
 
 }  // namespace

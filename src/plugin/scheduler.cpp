@@ -17,6 +17,7 @@
 #include "platform/host_path.h"
 #include "platform/standard_streams.h"
 #include "plugin/plugin.h"
+#include "plugin/recorded_run.h"
 #include "worker/worker.h"
 
 namespace bootstrand {
@@ -42,6 +43,7 @@ void TestHostProfileMarkers(ActivateFlags& flags) {
 // stream the program has written to is flushed on the way out.
 [[noreturn]] void StopOnUnmetDependencies() {
   Profile::OmitSummary();
+  RecordedRun::UnmetDependencies(kUnmetDependenciesStatus);
   std::exit(kUnmetDependenciesStatus);
 }
 
@@ -158,18 +160,24 @@ bool Plugin::ActivatePlugin(Plugin* plugin, ActivateFlags& flags) {
 void Plugin::Finish(int status, ActivateFlags& flags) {
   if (skip) {
     KernelLog() << "Bootstrand plugin " << name << " skipped." << std::endl;
+    RecordedRun::Finished(*this, "skipped", status);
   } else if (status == 0) {
     KernelLog() << "Bootstrand plugin " << name << " activated." << std::endl;
+    // On the disk before anything else happens: the plugins it lets go come after.
+    RecordedRun::Finished(*this, "activated", status);
     PreemptProviders();
     UpdateHostProfileBarrier(flags);
   } else if (preemptive) {
     if (IsPreemptivePluginsDisabled(flags)) {
       KernelLog() << "Bootstrand plugin " << name << " opportunistic skipped." << std::endl;
+      RecordedRun::Finished(*this, "opportunistic skipped", status);
     } else {
       KernelLog() << "Bootstrand plugin " << name << " opportunistic activation failed." << std::endl;
+      RecordedRun::Finished(*this, "opportunistic activation failed", status);
     }
   } else {
     AlertLog() << "Bootstrand plugin " << name << " activation failed." << std::endl;
+    RecordedRun::Finished(*this, "activation failed", status);
   }
 }
 
@@ -183,6 +191,7 @@ void Plugin::PreemptProviders() {
       Plugin* rival = *each;
       if (rival == this) continue;
       KernelLog() << "Bootstrand plugin " << rival->name << " skipped." << std::endl;
+      RecordedRun::Preempted(*rival, *this);
       plugins.Remove(rival);
     }
     providers.erase(entries);

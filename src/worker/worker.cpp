@@ -17,6 +17,7 @@
 
 #include "log/channels.h"
 #include "log/profile.h"
+#include "platform/clocks.h"
 #include "platform/host_path.h"
 #include "platform/kitbag/command_process.h"
 #include "platform/signals.h"
@@ -24,6 +25,7 @@
 #include "platform/standard_streams.h"
 #include "plugin/exception.h"
 #include "plugin/plugin.h"
+#include "plugin/recorded_run.h"
 
 namespace bootstrand {
 
@@ -45,12 +47,6 @@ Pool& ThePool() {
 // A worker that is left with an uncaught exception ends with this status, so the
 // scheduler reports its plugin as failed.
 constexpr int kUncaughtExceptionStatus = 2;
-
-timeval Now() {
-  timeval now {};
-  gettimeofday(&now, nullptr);
-  return now;
-}
 
 }  // namespace
 
@@ -90,7 +86,8 @@ WorkerPool::HandOverResult Worker::HandOver(Plugin* plugin, ActivateFlags flags)
   }
   if (PassesOver(*plugin, flags)) {
     KernelLog() << "Bootstrand plugin " << plugin->name << " skipped." << std::endl;
-    Profile::RecordPlugin(plugin->name, Now());
+    Profile::RecordPlugin(plugin->name, WallClockNow());
+    RecordedRun::PassedOver(*plugin);
     pool.queuedResults.emplace_back(plugin, 0);
     return WorkerPool::HandOverResult::PassedOver;
   }
@@ -195,7 +192,7 @@ void Worker::RunWorkerLoop(bool dryRun) {
     }
     if (count == 0) std::exit(0);
 
-    timeval start = Now();
+    ClockReading start = RecordedRun::Started(*request.plugin);
     bool succeeded = false;
     // Nothing may unwind out of here: the stack below belongs to the scheduler
     // code that forked this process.
@@ -210,8 +207,11 @@ void Worker::RunWorkerLoop(bool dryRun) {
     }
     // Stopped mid-plugin: the scheduler reports the interruption, not this outcome.
     if (StopSignal() != 0) std::exit(0);
+    ClockReading end = RecordedRun::Ended(*request.plugin);
     WorkerResponse response {request.plugin, succeeded ? 0 : 1, 0};
-    if (!dryRun) Profile::RecordPlugin(request.plugin->name, start);
+    if (!dryRun) {
+      Profile::RecordPlugin(request.plugin->name, ToTimeval(start.wallMicroseconds), ToTimeval(end.wallMicroseconds));
+    }
     std::cout.flush();
     std::fflush(nullptr);
     while (write(responseFd, &response, sizeof response) < 0) {
@@ -340,6 +340,7 @@ void Worker::Interrupt(int signal) {
   // Not a completed run: no timing summary. exit() rather than _exit(), so that every
   // stream is flushed.
   Profile::OmitSummary();
+  RecordedRun::Interrupted(signal, kInterruptedStatus);
   std::exit(kInterruptedStatus);
 }
 
