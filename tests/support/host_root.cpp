@@ -28,6 +28,7 @@ HostRoot::HostRoot() {
     std::filesystem::create_directories(Path(directory));
   }
   WriteCommand("mark", "echo \"$*\" >> \"$BOOTSTRAND_ROOT/order.log\"");
+  WriteFile("/proc/sys/kernel/random/boot_id", std::string(kBootId) + "\n");
 }
 
 HostRoot::~HostRoot() {

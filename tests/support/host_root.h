@@ -27,6 +27,10 @@ struct PluginFile {
 
 class HostRoot {
  public:
+  // The kernel's boot id as every root holds it; a test changes the file for a
+  // "later boot".
+  static constexpr const char* kBootId = "00000000-1111-4222-8333-444444444444";
+
   HostRoot();
   ~HostRoot();
   HostRoot(const HostRoot&) = delete;
