@@ -1,6 +1,6 @@
 # Runs when installing (cmake --install, CPack): writes the installed files that name
 # installed paths, with the prefix of this install rather than the configured one.
-# The caller sets bootstrand_component (bootstrand: the service and the boot step;
+# The caller sets bootstrand_component (bootstrand: the service;
 # dev: the pkg-config file), bootstrand_template_dir, bootstrand_version, the folders
 # bootstrand_includedir, bootstrand_sbindir, bootstrand_libexecdir,
 # bootstrand_pkgconfigdir and bootstrand_unitdir (relative to the prefix or absolute)
@@ -23,7 +23,7 @@ endif()
 if(bootstrand_component STREQUAL "dev")
   set(entries "bootstrand-plugin.pc.in|${pkgconfigdir}|bootstrand-plugin.pc|644")
 else()
-  set(entries "bootstrand.service.in|${unitdir}|bootstrand.service|644" "boot.in|${libexecdir}/bootstrand|boot|755")
+  set(entries "bootstrand.service.in|${unitdir}|bootstrand.service|644")
 endif()
 foreach(entry ${entries})
   string(REPLACE "|" ";" entry "${entry}")

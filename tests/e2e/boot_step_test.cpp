@@ -1,7 +1,9 @@
-// The host's boot step (packaging/boot.in) run boot after boot in one root: run-once
-// plugins run once for each version, a failed one runs again, and a state file it
-// cannot read costs a rerun, never the boot.
+// The host's boot step run boot after boot in one root: run-once plugins run once for
+// each version, a failed one runs again, whatever the channels show; a state file it
+// cannot read costs a rerun, never the boot; a stopped boot keeps what activated.
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -40,29 +42,63 @@ TEST(BootStep, RunsEachRunOncePluginOncePerVersion) {
       {"a new version of keys runs once", [](const HostRoot& r) { WriteTree(r, "1.1"); }, {"--name=every", "--name=keys"},
        {"keys1.0", "flaky1", "keys1.1"}, ""},
       {"nothing new", nullptr, {"--name=every"}, {"keys1.0", "flaky1", "keys1.1"}, ""},
-      {"a state file that cannot be read",
+      {"a named pipe as the state file holds nothing up",
        [&](const HostRoot& r) {
          std::filesystem::remove(r.Path(state));
-         std::filesystem::create_directories(r.Path(state));
+         mkfifo(r.Path(state).c_str(), 0644);
        },
        {"--name=every", "--name=flaky", "--name=keys"}, {},
-       "bootstrand boot step: cannot read " + root.Path(state) +
-           ": the run-once plugins of earlier boots run again\n"
-           "bootstrand boot step: cannot write " + root.Path(state) +
-           ": run-once plugins of this boot run again at the next\n"},
+       "bootstrand boot step: " + root.Path(state) +
+           " is not a regular file: the run-once plugins of earlier boots run again\n"
+           "bootstrand boot step: the run-once plugins that activated are not kept, since " + root.Path(state) +
+           " could not be read: they run again at the next boot\n"},
   };
   for (const Boot& boot : boots) {
     SCOPED_TRACE(boot.what);
     if (boot.before) boot.before(root);
     std::filesystem::remove(root.Path("/order.log"));
-    RunResult run = RunProgram(BOOTSTRAND_BOOT_STEP, root, {}, {{"BOOTSTRAND_ACTIVATOR", BOOTSTRAND_BINARY}}, 30);
+    // Quiet: the step must not depend on what the channels show.
+    RunResult run = RunProgram(BOOTSTRAND_BOOT_STEP, root, {"--quiet"}, {{"BOOTSTRAND_ACTIVATOR", BOOTSTRAND_BINARY}}, 30);
     EXPECT_EQ(run.exitStatus, 0);
     EXPECT_EQ(run.err, boot.err);
     Lines marks = root.Marks();
     std::sort(marks.begin(), marks.end());
     EXPECT_EQ(marks, boot.marks);
-    EXPECT_EQ(std::filesystem::is_directory(root.Path(state)) ? Lines{} : root.ReadLines(state), boot.state);
+    EXPECT_EQ(std::filesystem::is_regular_file(root.Path(state)) ? root.ReadLines(state) : Lines{}, boot.state);
   }
+}
+
+// The unit stopped in the middle of a boot: every process of it gets SIGTERM. The step
+// waits for bootstrand, keeps the run-once plugin that had activated and exits with
+// bootstrand's status; nothing of the boot is left.
+TEST(BootStep, StoppedBootKeepsWhatActivated) {
+  HostRoot root;
+  root.WriteCommand("hang", "echo $$ > \"$BOOTSTRAND_ROOT/hanging\"\nsleep 1000 & wait");
+  root.WritePlugins({{"keys", {"k"}, {}, {"mark --name keys"}, {{"run_once", true}, {"plugin_version", "1"}}},
+                     {"slow", {"s"}, {"k"}, {"hang"}}});
+  std::string shell = std::string("set -m\n\"$0\" & step=$!\n") +
+                      "until [ -e \"$BOOTSTRAND_ROOT/hanging\" ]; do sleep 0.05; done\n"
+                      "kill -TERM -$step\nwait $step\necho $? > \"$BOOTSTRAND_ROOT/status\"";
+  RunResult run = RunProgram("/bin/bash", root, {"-c", shell, BOOTSTRAND_BOOT_STEP},
+                             {{"BOOTSTRAND_ACTIVATOR", BOOTSTRAND_BINARY}}, 30);
+  EXPECT_FALSE(run.timedOut);
+  EXPECT_EQ(root.ReadFile("/status"), "4\n");
+  EXPECT_EQ(root.ReadLines("/var/lib/bootstrand/run-once"), Lines{"keys1"});
+  EXPECT_EQ(ProcessesOf(root), Lines{});
+}
+
+// Thousands of kept keys go out in several --disable options, none too long for the
+// kernel, and still reach the plugin they belong to.
+TEST(BootStep, ManyKeysStillBoot) {
+  HostRoot root;
+  WriteTree(root, "1.0");
+  std::string keys;
+  for (int i = 0; i < 8000; ++i) keys += "retired-plugin-number-" + std::to_string(i) + "-v1\n";
+  root.WriteFile("/var/lib/bootstrand/run-once", keys + "keys1.0\n");
+  RunResult run = RunProgram(BOOTSTRAND_BOOT_STEP, root, {}, {{"BOOTSTRAND_ACTIVATOR", BOOTSTRAND_BINARY}}, 30);
+  EXPECT_EQ(run.exitStatus, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(root.Marks(), Lines{"--name=every"});
 }
 
 }  // namespace

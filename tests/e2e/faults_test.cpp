@@ -65,28 +65,6 @@ std::string MeasuredWhile(const std::string& body) {
 // Memory a boot may take on account of a command's standard error, in KiB.
 constexpr long kMemoryBound = 8 * 1024;
 
-// The command lines of the live processes that a run in `root` started: they all
-// carry its BOOTSTRAND_ROOT (a dead process not yet reaped shows no environment).
-// Idle workers end by themselves once the activator has exited: they get a second.
-Lines ProcessesOf(const HostRoot& root) {
-  const std::string mark = "BOOTSTRAND_ROOT=" + root.Root();
-  Lines found;
-  for (int tries = 0; tries < 20 && (tries == 0 || !found.empty()); ++tries) {
-    if (tries > 0) usleep(50000);
-    found.clear();
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-      std::ifstream environ(entry.path() / "environ");
-      for (std::string variable; std::getline(environ, variable, '\0');) {
-        if (variable != mark) continue;
-        std::string commandLine;
-        std::getline(std::ifstream(entry.path() / "cmdline"), commandLine);
-        found.push_back(entry.path().filename().string() + " " + commandLine);
-      }
-    }
-  }
-  return found;
-}
-
 // Nothing the boot started is left, and the command's failure says why it ended.
 void NothingLeftRunning(const HostRoot& root, const RunResult&) {
   EXPECT_EQ(root.ReadLines("/pids").size(), 2u);

@@ -166,6 +166,25 @@ RunResult RunProgram(const std::string& program, const HostRoot& root, const std
   return result;
 }
 
+Lines ProcessesOf(const HostRoot& root) {
+  const std::string mark = "BOOTSTRAND_ROOT=" + root.Root();
+  Lines found;
+  for (int tries = 0; tries < 20 && (tries == 0 || !found.empty()); ++tries) {
+    if (tries > 0) usleep(50000);
+    found.clear();
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+      std::ifstream environ(entry.path() / "environ");
+      for (std::string variable; std::getline(environ, variable, '\0');) {
+        if (variable != mark) continue;
+        std::string commandLine;
+        std::getline(std::ifstream(entry.path() / "cmdline"), commandLine);
+        found.push_back(entry.path().filename().string() + " " + commandLine);
+      }
+    }
+  }
+  return found;
+}
+
 std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory) {
   std::map<std::string, std::uintmax_t> files;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {

@@ -81,6 +81,11 @@ RunResult RunBootstrand(const HostRoot& root, const std::vector<std::string>& ar
 RunResult RunProgram(const std::string& program, const HostRoot& root, const std::vector<std::string>& arguments,
                      const std::map<std::string, std::string>& environment = {}, int timeoutSeconds = 60);
 
+// The command lines of the live processes that a run in `root` started: they all
+// carry its BOOTSTRAND_ROOT (a dead process not yet reaped shows no environment).
+// Idle workers end by themselves once the activator has exited: they get a second.
+Lines ProcessesOf(const HostRoot& root);
+
 // Every path under `directory` with its size (0 for folders), to see that a run
 // created, removed or resized nothing.
 std::map<std::string, std::uintmax_t> Snapshot(const std::string& directory);
