@@ -62,8 +62,9 @@ TEST(Lint, WavesOfTheExampleTreeAreTheActivatorsSerialOrder) {
 // One tree with every finding, in text and in JSON. Stops: a cycle through a rival
 // that a preemptive provider holds back and a plugin waiting on it, a plugin requiring
 // its own tag, a JSON plugin requiring the JSON kind tag, two preemptive providers of
-// one tag. Warnings: tags nobody provides, a tag shared without a preemptive provider,
-// a run-once plugin without a version, each way to disable. Disabled plugins are
+// one tag. An error: a run-once key that is another plugin's tag. Warnings: tags
+// nobody provides, a tag shared without a preemptive provider, a run-once plugin
+// without a version, each way to disable. Disabled plugins are
 // passed over without a worker; the disabled preemptive dhcp4 holds its rival back
 // until then, and preempts nobody.
 TEST(Lint, ReportsStopsAndWarnings) {
@@ -75,8 +76,8 @@ TEST(Lint, ReportsStopsAndWarnings) {
                      {"zeroconf", {"addr", "mdns"}, {}, {}, kPreemptive},
                      {"app", {"frontend"}, {"net", "missing-tag"}, {"ok"}},
                      {"cert", {"cert"}, {}, {"ok"}, {{"version", 3}, {"run_once", true}, {"plugin_version", "2"}}},
-                     {"keys", {"keys"}, {}, {"ok"}, {{"version", 3}, {"run_once", true}}},
-                     {"log1", {"syslog"}, {}, {"ok"}}, {"log2", {"syslog"}, {}, {"ok"}},
+                     {"keys", {"hostkeys"}, {}, {"ok"}, {{"version", 3}, {"run_once", true}}},
+                     {"log1", {"syslog"}, {}, {"ok"}}, {"log2", {"syslog", "keys"}, {}, {"ok"}},
                      {"net", {"net"}, {"missing-tag", "native plugins"}, {"ok"}},
                      {"dhcp4", {"ip4"}, {}, {"ok"}, kPreemptive}, {"static4", {"ip4"}, {}, {"ok"}},
                      {"ntp", {"time"}, {}, {"ok"}, kPreemptive}, {"chrony", {"time"}, {}, {"ok"}}});
@@ -92,6 +93,8 @@ TEST(Lint, ReportsStopsAndWarnings) {
             "stop: plugin loop requires \"loop\", \"other\", which it provides itself\n"
             "stop: preemptive providers p1, zeroconf share the tag \"addr\" and hold each other back\n"
             "stop: 3 plugins would never start, waiting on the above: end-autoconf, d, static\n"
+            "error: run-once key \"keys\" of plugin keys is also the name or a tag of log2, which --disable would "
+            "turn off with it; give keys a plugin version\n"
             "warning: tag \"missing-tag\" is required by app, net but no plugin provides it\n"
             "warning: tag \"syslog\" is provided by log1, log2, none of them preemptive\n"
             "warning: run-once plugin keys has no plugin version, so its run-once key is its name alone\n"
@@ -105,7 +108,7 @@ TEST(Lint, ReportsStopsAndWarnings) {
             "  wave 1: keys, net; passed over: cert, dhcp4, log1, log2\n"
             "  wave 2: ntp, static4; passed over: app\n"
             "    chrony preempted by ntp\n"
-            "20 plugins, 1 skipped file, 5 stops, 9 warnings: boot would stop after 2 waves\n");
+            "20 plugins, 1 skipped file, 5 stops, 1 error, 9 warnings: boot would stop after 2 waves\n");
   run = Lint(root, asJson);
   EXPECT_EQ(run.exitStatus, 1);
   EXPECT_EQ(json::parse(run.out), json::parse(R"({"boot_completes": false, "plugins": 20, "workers": 2,
@@ -119,6 +122,7 @@ TEST(Lint, ReportsStopsAndWarnings) {
         {"kind": "self_requirement", "plugin": "loop", "tags": ["loop", "other"]},
         {"kind": "preemptive_conflict", "tag": "addr", "plugins": ["p1", "zeroconf"]},
         {"kind": "blocked", "plugins": ["end-autoconf", "d", "static"]}],
+      "errors": [{"kind": "run_once_key_collision", "plugin": "keys", "key": "keys", "plugins": ["log2"]}],
       "warnings": [{"kind": "unprovided_tag", "tag": "missing-tag", "plugins": ["app", "net"]},
         {"kind": "shared_tag", "tag": "syslog", "plugins": ["log1", "log2"]},
         {"kind": "run_once_without_version", "plugin": "keys"},

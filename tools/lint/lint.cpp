@@ -102,6 +102,23 @@ void FindRunOnceWithoutVersion(const std::vector<const Plugin*>& loaded, std::ve
   }
 }
 
+// Once recorded, a run-once key goes to --disable, which also turns off every plugin
+// whose name or tag equals it: a key must name its own plugin and nothing else.
+void FindRunOnceKeyCollisions(const std::vector<const Plugin*>& loaded, std::vector<Finding>& errors) {
+  for (const Plugin* plugin : loaded) {
+    if (!plugin->runOnce) continue;
+    std::string key = plugin->name + plugin->pluginVersion;
+    std::vector<std::string> others;
+    for (const Plugin* other : loaded) {
+      bool sameKey = other->runOnce && other->name + other->pluginVersion == key;
+      if (other != plugin && !sameKey && (other->name == key || other->Provides(key))) others.push_back(other->name);
+    }
+    if (!others.empty()) {
+      errors.push_back({.kind = FindingKind::RunOnceKeyCollision, .plugin = plugin->name, .tag = key, .plugins = others});
+    }
+  }
+}
+
 // The loaders already applied the list (Plugin::skip); this says which entries did it.
 void FindDisabled(const std::vector<const Plugin*>& loaded, const std::vector<std::string>& entries,
                   std::vector<Finding>& warnings) {
@@ -404,6 +421,7 @@ LintReport Lint(const LintOptions& options) {
   FindUnprovidedTags(loaded, positions, report.warnings);
   FindSharedTags(positions, report.warnings);
   FindRunOnceWithoutVersion(loaded, report.warnings);
+  FindRunOnceKeyCollisions(loaded, report.errors);
   FindDisabled(loaded, options.disable, report.warnings);
 
   if (options.predict) {

@@ -63,6 +63,8 @@ enum class FindingKind {
   RunOnceWithoutVersion,
   Disabled,
   UnmatchedDisable,
+  // Wrong though the boot completes.
+  RunOnceKeyCollision,
 };
 
 // One plugin of a cycle waiting for the next: it requires `tag` from it, or, when
@@ -84,11 +86,14 @@ struct DisableMatch {
 // Plugins are named, and listed in load order unless said otherwise.
 struct Finding {
   FindingKind kind = FindingKind::Cycle;
-  std::string plugin{};                    // SelfRequirement, RunOnceWithoutVersion, Disabled
+  std::string plugin{};                    // SelfRequirement, RunOnceWithoutVersion, Disabled,
+                                           // RunOnceKeyCollision
   std::string tag{};                       // PreemptiveConflict, UnprovidedTag, SharedTag;
-                                           // the entry of UnmatchedDisable
+                                           // the entry of UnmatchedDisable; the key of
+                                           // RunOnceKeyCollision
   std::vector<std::string> plugins{};      // Cycle (its members), PreemptiveConflict, Blocked,
-                                           // UnprovidedTag (requirers), SharedTag (providers)
+                                           // UnprovidedTag (requirers), SharedTag (providers),
+                                           // RunOnceKeyCollision (the others the key names)
   std::vector<std::string> tags{};         // SelfRequirement
   std::vector<CycleStep> cycle{};          // Cycle: one closed walk through its first member
   std::vector<DisableMatch> disabledBy{};  // Disabled
@@ -116,6 +121,7 @@ struct LintReport {
   std::size_t pluginCount = 0;
   std::vector<SkippedFile> skippedFiles;
   std::vector<Finding> stops;
+  std::vector<Finding> errors;
   std::vector<Finding> warnings;
   std::vector<Wave> waves;
   std::vector<Preemption> preempted;
@@ -124,7 +130,9 @@ struct LintReport {
 
   bool BootCompletes() const { return stops.empty(); }
   // What --strict fails on when the boot would complete.
-  bool HasFindings() const { return !skippedFiles.empty() || !warnings.empty() || !trust.empty(); }
+  bool HasFindings() const {
+    return !skippedFiles.empty() || !errors.empty() || !warnings.empty() || !trust.empty();
+  }
 };
 
 // Loads the plugins into the process-wide registries (once per process, or after

@@ -29,7 +29,7 @@ int main(int argc, char* argv[]) {
       WriteReportText(report, std::cout);
     }
     if (!report.BootCompletes()) return 1;
-    return options.strict && report.HasFindings() ? 3 : 0;
+    return !report.errors.empty() || (options.strict && report.HasFindings()) ? 3 : 0;
   } catch (const UsageError& error) {
     std::cerr << "bootstrand-lint: " << error.what() << '\n';
     WriteLintUsage(std::cerr);

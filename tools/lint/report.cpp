@@ -89,6 +89,10 @@ std::string FindingText(const Finding& finding) {
       return DisabledText(finding);
     case FindingKind::UnmatchedDisable:
       return "--disable " + Quoted(finding.tag) + " matches no plugin name, provided tag or run-once key";
+    case FindingKind::RunOnceKeyCollision:
+      return "run-once key " + Quoted(finding.tag) + " of plugin " + finding.plugin + " is also the name or a tag of " +
+             Joined(finding.plugins) + ", which --disable would turn off with it; give " + finding.plugin +
+             " a plugin version";
   }
   return "";
 }
@@ -113,6 +117,8 @@ const char* KindName(FindingKind kind) {
       return "disabled";
     case FindingKind::UnmatchedDisable:
       return "unmatched_disable";
+    case FindingKind::RunOnceKeyCollision:
+      return "run_once_key_collision";
   }
   return "";
 }
@@ -153,6 +159,11 @@ nlohmann::json FindingJson(const Finding& finding) {
     case FindingKind::UnmatchedDisable:
       json["entry"] = finding.tag;
       break;
+    case FindingKind::RunOnceKeyCollision:
+      json["plugin"] = finding.plugin;
+      json["key"] = finding.tag;
+      json["plugins"] = finding.plugins;
+      break;
   }
   return json;
 }
@@ -162,6 +173,7 @@ nlohmann::json FindingJson(const Finding& finding) {
 void WriteReportText(const LintReport& report, std::ostream& stream) {
   for (const SkippedFile& skipped : report.skippedFiles) stream << skipped.message << '\n';
   for (const Finding& stop : report.stops) stream << "stop: " << FindingText(stop) << '\n';
+  for (const Finding& error : report.errors) stream << "error: " << FindingText(error) << '\n';
   for (const Finding& warning : report.warnings) stream << "warning: " << FindingText(warning) << '\n';
   for (const TrustFinding& finding : report.trust) {
     stream << "untrusted: " << finding.path << " (owner " << finding.owner << ", mode " << finding.mode
@@ -192,7 +204,9 @@ void WriteReportText(const LintReport& report, std::ostream& stream) {
 
   stream << Counted(report.pluginCount, "plugin");
   if (!report.skippedFiles.empty()) stream << ", " << Counted(report.skippedFiles.size(), "skipped file");
-  stream << ", " << Counted(report.stops.size(), "stop") << ", " << Counted(report.warnings.size(), "warning");
+  stream << ", " << Counted(report.stops.size(), "stop");
+  if (!report.errors.empty()) stream << ", " << Counted(report.errors.size(), "error");
+  stream << ", " << Counted(report.warnings.size(), "warning");
   if (!report.trust.empty()) stream << ", " << Counted(report.trust.size(), "untrusted path");
   stream << ": " << (report.BootCompletes() ? "boot would complete in " : "boot would stop after ");
   if (report.prediction) {
@@ -214,6 +228,7 @@ nlohmann::json ReportJson(const LintReport& report) {
       {"workers", report.workers == 0 ? nlohmann::json(nullptr) : nlohmann::json(report.workers)},
       {"skipped_files", nlohmann::json::array()},
       {"stops", nlohmann::json::array()},
+      {"errors", nlohmann::json::array()},
       {"warnings", nlohmann::json::array()},
       {"trust", nlohmann::json::array()},
       {"waves", nlohmann::json::array()},
@@ -223,6 +238,7 @@ nlohmann::json ReportJson(const LintReport& report) {
     json["skipped_files"].push_back({{"path", skipped.path}, {"reason", skipped.reason}, {"message", skipped.message}});
   }
   for (const Finding& stop : report.stops) json["stops"].push_back(FindingJson(stop));
+  for (const Finding& error : report.errors) json["errors"].push_back(FindingJson(error));
   for (const Finding& warning : report.warnings) json["warnings"].push_back(FindingJson(warning));
   for (const TrustFinding& finding : report.trust) {
     json["trust"].push_back(
