@@ -1,7 +1,8 @@
 // bootstrand-analyze on real boots: two boots of the example tree by the real
 // activator, the second with one command slowed, analysed and compared; a boot whose
 // wall clock was stepped; its exit statuses; damaged inputs reported and skipped; a
-// boot's metrics served by a real node_exporter.
+// boot's metrics served by a real node_exporter, and those of a boot whose activator
+// did not run.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -224,17 +225,11 @@ TEST_F(Analyzer, BootMetricsReachANodeExporterScrape) {
   }
   const std::string folder = root.Path("/var/lib/prometheus/node-exporter"), file = folder + "/bootstrand.prom";
   std::filesystem::create_directories(folder);
-  RunResult run = PublishMetrics();  // no boot yet: nothing to publish, and nothing left behind
-  EXPECT_EQ(run.exitStatus, 1);
-  EXPECT_NE(run.err.find("\nboot-metrics: the boot's metrics were not written to " + file + "\n"), std::string::npos)
-      << run.err;
-  EXPECT_TRUE(std::filesystem::is_empty(folder));
-
   root.CopyExampleTree();
   root.WritePlugin("say \"hi\\\" caf\xe9.json", JsonPlugin({}, {}, {"mark --name odd"}));
   double bootStart = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
   ASSERT_EQ(RunBootstrand(root, {}).exitStatus, 0);
-  run = PublishMetrics();
+  RunResult run = PublishMetrics();
   EXPECT_EQ(std::to_string(run.exitStatus) + run.err, "0");
   EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0644));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
@@ -260,6 +255,7 @@ TEST_F(Analyzer, BootMetricsReachANodeExporterScrape) {
   EXPECT_EQ(served["bootstrand_activation_duration_seconds"], report["activation_us"].get<double>() / 1e6);
   EXPECT_EQ(served["bootstrand_kernel_to_activation_seconds"], report["kernel_to_activation_us"].get<double>() / 1e6);
   EXPECT_EQ(served["bootstrand_activation_completed"], 1);
+  EXPECT_EQ(served["bootstrand_boot_info{boot_id=\"" + std::string(HostRoot::kBootId) + "\"}"], 1);
   EXPECT_EQ(served["bootstrand_plugins{outcome=\"failed\"}"], 1);
   EXPECT_EQ(served["bootstrand_plugins{outcome=\"activated\"}"], 13);
   EXPECT_EQ(served["bootstrand_plugins{outcome=\"skipped\"}"], 1);
@@ -271,7 +267,36 @@ TEST_F(Analyzer, BootMetricsReachANodeExporterScrape) {
     EXPECT_EQ(served["bootstrand_plugin_failed" + label], name == "40-syslog-forward" ? 1 : 0) << name;
   }
   // The boot's, by outcome, by plugin (timed, and all), each looked up above.
-  EXPECT_EQ(served.size(), 4u + 6u + 14u + 15u) << run.out;
+  EXPECT_EQ(served.size(), 5u + 6u + 14u + 15u) << run.out;
+}
+
+// The metrics of a boot whose activator did not run say which boot and that activation
+// did not complete, never what the boot before did: first without any record, then
+// with the record of an earlier boot (the root's boot id changed after a boot).
+TEST_F(Analyzer, MetricsOfABootWithoutARecordOfItsOwnSaySo) {
+  std::filesystem::create_directories(root.Path("/var/lib/prometheus/node-exporter"));
+  auto expected = [](const std::string& bootId) {
+    return "# HELP bootstrand_boot_info The boot these metrics describe, by the kernel's boot id; always 1.\n"
+           "# TYPE bootstrand_boot_info gauge\nbootstrand_boot_info{boot_id=\"" + bootId + "\"} 1\n"
+           "# HELP bootstrand_activation_completed 1 when activation at the last boot ran to its end, 0 when it "
+           "stopped before or did not run at all.\n"
+           "# TYPE bootstrand_activation_completed gauge\nbootstrand_activation_completed 0\n";
+  };
+  const std::string later = "99999999-1111-4222-8333-444444444444", said = "bootstrand-analyze: " + root.Path(kRecord);
+  const std::string tail = "; the metrics say only that activation did not complete\n";
+  RunResult run = PublishMetrics();
+  EXPECT_EQ(std::to_string(run.exitStatus) + run.err, "0" + said + ": is missing: the activator did not run at this "
+                                                        "boot" + tail);
+  EXPECT_EQ(root.ReadFile("/var/lib/prometheus/node-exporter/bootstrand.prom"), expected(HostRoot::kBootId));
+
+  root.WritePlugins({{"a", {"a"}, {}, {"mark a"}}});
+  ASSERT_EQ(RunBootstrand(root, {}).exitStatus, 0);
+  EXPECT_EQ(BootSeries(Analyze({"--openmetrics"}).out)["bootstrand_activation_completed"], 1);
+  root.WriteFile("/proc/sys/kernel/random/boot_id", later + "\n");
+  run = PublishMetrics();
+  EXPECT_EQ(std::to_string(run.exitStatus) + run.err,
+            "0" + said + ": is of an earlier boot (boot id " + HostRoot::kBootId + ")" + tail);
+  EXPECT_EQ(root.ReadFile("/var/lib/prometheus/node-exporter/bootstrand.prom"), expected(later));
 }
 
 }  // namespace

@@ -28,6 +28,8 @@
 #include "analyze/timeline_svg.h"
 #include "analyze/timing_log.h"
 #include "log/channels.h"
+#include "platform/boot_id.h"
+#include "platform/boot_record.h"
 #include "platform/host_path.h"
 #include "platform/trove.h"
 #include "platform/unique_fd.h"
@@ -63,7 +65,9 @@ constexpr const char* kUsage =
     "  --openmetrics        print the boot's metrics instead of the report, in the\n"
     "                       Prometheus text format that node_exporter's textfile\n"
     "                       collector reads; only with TIMING-LOG, --kernel-log and\n"
-    "                       --alert-log\n"
+    "                       --alert-log. Without TIMING-LOG, from this boot's record\n"
+    "                       alone: without one they say that activation did not\n"
+    "                       complete, never what an earlier boot did\n"
     "  --compare OLD-LOG    compare with an earlier boot, whose timing log or boot\n"
     "                       record was kept as OLD-LOG: the change of the totals, the\n"
     "                       plugins that got slower or faster (as many of each as\n"
@@ -279,7 +283,47 @@ PluginOutcomes ReadSinks(const Options& options, Problems& problems) {
   return outcomes;
 }
 
+// --openmetrics without TIMING-LOG: from this boot's record alone, so that a boot
+// whose activator never ran (or stopped before its start line) never publishes the
+// figures of the boot before it.
+int RunThisBootsMetrics() {
+  Problems problems;
+  std::optional<std::string> bootId = bootstrand::CurrentBootId();
+  std::string path = bootstrand::HostPath(bootstrand::BootRecord::kPath);
+  std::optional<BootInput> boot;
+  std::string missing;  // why this boot has no record
+  if (std::optional<std::string> text = ReadWholeFile(path, true)) {
+    try {
+      boot = ReadBootInput(*text, path, problems);
+    } catch (const std::runtime_error&) {
+      // Not a line of a boot in it: no start line either, said below.
+    }
+    const auto* start = boot && boot->record && boot->record->start ? &*boot->record->start : nullptr;
+    if (start == nullptr) {
+      missing = "holds no start line";
+    } else if (!bootId) {
+      missing = "cannot be matched to this boot, whose boot id cannot be read";
+    } else if (start->bootId != bootId) {
+      missing = "is of an earlier boot (boot id " + start->bootId.value_or("unknown") + ")";
+    }
+  } else {
+    missing = "is missing: the activator did not run at this boot";
+  }
+  if (!missing.empty()) {
+    problems.push_back({path, 0, missing + "; the metrics say only that activation did not complete"});
+  }
+  ReportProblems(problems);
+  if (missing.empty()) {
+    WriteOpenMetrics(std::cout, Analyze(std::move(*boot), PluginOutcomes(), nullptr));
+  } else {
+    WriteNoBootMetrics(std::cout, bootId);
+  }
+  std::cout.flush();
+  return std::cout ? 0 : 1;
+}
+
 int Run(const Options& options) {
+  if (options.openMetrics && !options.timingLog) return RunThisBootsMetrics();
   Problems problems;
   BootInput boot = ReadBoot(options.timingLog.value_or(HostBootInputPath()), problems);
   const std::string path = boot.path;

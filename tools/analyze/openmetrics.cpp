@@ -85,6 +85,12 @@ std::vector<PluginSeries> SeriesByLabel(const Analysis& analysis) {
   return series;
 }
 
+void WriteBootInfo(std::ostream& output, const std::optional<std::string>& bootId) {
+  if (!bootId) return;
+  Family(output, "bootstrand_boot_info", "The boot these metrics describe, by the kernel's boot id; always 1.");
+  output << "bootstrand_boot_info{boot_id=" << LabelValue(*bootId) << "} 1\n";
+}
+
 void WriteCompleted(std::ostream& output, bool completed) {
   Family(output, "bootstrand_activation_completed",
          "1 when activation at the last boot ran to its end, 0 when it stopped before or did not run at all.");
@@ -119,6 +125,7 @@ std::string LabelValue(std::string_view name) {
 void WriteOpenMetrics(std::ostream& output, const Analysis& analysis) {
   const TimingLog& timing = analysis.timing;
   const bool timed = !timing.plugins.empty();
+  WriteBootInfo(output, analysis.bootId);
   // Without an end of activation, the timed plugins stand in for the ends, as in the
   // report; an input that has neither leaves the figure out.
   if (timing.activationStart || timed) {
@@ -162,6 +169,11 @@ void WriteOpenMetrics(std::ostream& output, const Analysis& analysis) {
       output << "bootstrand_plugin_failed{plugin=" << each.label << "} " << (each.failed ? 1 : 0) << '\n';
     }
   }
+}
+
+void WriteNoBootMetrics(std::ostream& output, const std::optional<std::string>& bootId) {
+  WriteBootInfo(output, bootId);
+  WriteCompleted(output, false);
 }
 
 }  // namespace bootstrand::analyze
