@@ -54,7 +54,7 @@ TEST(AnalyzeTimingLog, KeepsTheLatestBootAndReportsAndSkipsLinesThatDoNotFit) {
       "\n"
       "[2026-11-16 12:05:09.010000 - 2026-11-16 12:05:09.500000] sysboot: 10-devices\n"
       "[2026-11-16 12:05:09.020000 - 2026-11-16 12:05:09.020000] sysboot: volume scratch ] sysboot: x\n"
-      "[2026-11-16 12:05:09.000000 - 2026-11-16 12:05:08.000000] sysboot: backwards\n"  // 8
+      "[2026-11-16 12:05:09.000000 - 2026-11-16 12:05:08.000000] sysboot: backwards\n"  // 8: a clock step
       "[2026-11-16 12:05:09.000000 - 2026-11-16 12:05:10.000000] sysbot: typo\n"
       "[2026-02-30x12:05:09.000000 - 2026-11-16 12:05:10.000000] sysboot: date\n"
       " Start: 2026-11-16 12:05:09.000000\n"  // 11: before the summary's header
@@ -62,7 +62,7 @@ TEST(AnalyzeTimingLog, KeepsTheLatestBootAndReportsAndSkipsLinesThatDoNotFit) {
       "[2026-11-16 12:05:09.000000 - 2026-11-16 12:0");  // 15
   Problems problems;
   TimingLog log = ReadTimingLog(input, "sysboot.log", problems);
-  EXPECT_EQ(ProblemLines(problems), (std::vector<std::size_t>{3, 4, 5, 8, 9, 10, 11, 15}));
+  EXPECT_EQ(ProblemLines(problems), (std::vector<std::size_t>{3, 4, 5, 9, 10, 11, 15}));
   EXPECT_EQ(Describe(problems[1]), "sysboot.log:4: a later boot starts here; the lines before it are left out");
   EXPECT_EQ(Describe(problems.back()), "sysboot.log:15: truncated line (no end of line), skipped");
   EXPECT_EQ(log.kernelTime, 61000000);
@@ -72,6 +72,8 @@ TEST(AnalyzeTimingLog, KeepsTheLatestBootAndReportsAndSkipsLinesThatDoNotFit) {
   for (const TimedPlugin& each : log.plugins) plugins.emplace_back(each.name, each.start, each.end, each.line);
   EXPECT_EQ(plugins, (decltype(plugins){{"10-devices", kBase + 10000, kBase + 500000, 6},
                                         {"volume scratch ] sysboot: x", kBase + 20000, kBase + 20000, 7}}));
+  ASSERT_EQ(log.endsBeforeStart.size(), 1u);  // kept apart, for the clock step it shows
+  EXPECT_EQ(log.endsBeforeStart[0].line, 8u);
 }
 
 // Plain outcomes, the ways a plugin is passed over, several boots in one sink (the
@@ -136,7 +138,9 @@ Analysis Analyzed(const Timed& timed, const std::string& kernelSink = "", bool s
   Problems problems;
   std::istringstream sink(kernelSink);
   outcomes.ReadKernelSink(sink, "sink", problems);
-  return Analyze(std::move(log), outcomes, nullptr);
+  BootInput input;
+  input.timing = std::move(log);
+  return Analyze(std::move(input), outcomes, nullptr);
 }
 
 // The blame list puts the longest first, ties by start; the timeline has one bar per

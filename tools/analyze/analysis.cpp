@@ -44,13 +44,44 @@ nlohmann::json OrNull(const std::optional<T>& value) {
   return value ? nlohmann::json(*value) : nlohmann::json(nullptr);
 }
 
-}  // namespace
+Outcome OutcomeOf(const RecordedOutcome& recorded) {
+  // Passed over without running (disabled, no operations, skipped at the prompt): it
+  // was skipped, whatever the scheduler called it after.
+  if (recorded.passedOver) return Outcome::Skipped;
+  static const std::pair<const char*, Outcome> kWords[] = {
+      {"activated", Outcome::Activated},
+      {"activation failed", Outcome::Failed},
+      {"skipped", Outcome::Skipped},
+      {"opportunistic skipped", Outcome::OpportunisticSkipped},
+      {"opportunistic activation failed", Outcome::OpportunisticFailed}};
+  for (const auto& [words, outcome] : kWords) {
+    if (recorded.outcome == words) return outcome;
+  }
+  return Outcome::Unknown;
+}
 
-Analysis Analyze(TimingLog timing, const PluginOutcomes& outcomes, const DependencyGraph* graph) {
-  Analysis analysis;
-  analysis.timing = std::move(timing);
+// The record's own outcomes, in the order TimingOfRecord takes its plugins. The
+// untimed are those preempted, then those that never got an outcome (the run stopped
+// first).
+void TakeRecordedOutcomes(const BootRecordContents& record, Analysis& analysis) {
+  std::vector<bool> reported(record.plugins.size(), false);
+  for (const RecordedOutcome& outcome : record.outcomes) {
+    if (outcome.index < reported.size()) reported[outcome.index] = true;
+    if (outcome.start && outcome.end) {
+      analysis.outcomes.push_back(OutcomeOf(outcome));
+    } else {
+      analysis.untimed.emplace_back(outcome.name, OutcomeOf(outcome));
+    }
+  }
+  for (const RecordedPlugin& plugin : record.plugins) {
+    if (plugin.index < reported.size() && !reported[plugin.index]) {
+      analysis.untimed.emplace_back(plugin.name, Outcome::Unknown);
+    }
+  }
+}
+
+void TakeSinkOutcomes(const PluginOutcomes& outcomes, Analysis& analysis) {
   const std::vector<TimedPlugin>& plugins = analysis.timing.plugins;
-
   std::unordered_map<std::string, std::size_t> count;
   for (const TimedPlugin& plugin : plugins) ++count[plugin.name];
   std::unordered_map<std::string, std::size_t> seen;
@@ -60,6 +91,34 @@ Analysis Analyze(TimingLog timing, const PluginOutcomes& outcomes, const Depende
   for (const auto& [name, outcome] : outcomes.Latest()) {
     if (!count.contains(name)) analysis.untimed.emplace_back(name, outcome);
   }
+}
+
+}  // namespace
+
+Analysis Analyze(BootInput input, const PluginOutcomes& outcomes, const DependencyGraph* graph) {
+  Analysis analysis;
+  analysis.clockSteps = ClockStepsOf(input);
+  analysis.timing = std::move(input.timing);
+  const std::vector<TimedPlugin>& plugins = analysis.timing.plugins;
+  if (input.record) {
+    const BootRecordContents& record = *input.record;
+    analysis.fromRecord = true;
+    if (record.start) analysis.bootId = record.start->bootId;
+    if (record.end) analysis.endedAs = record.end->outcome;
+    analysis.completed = record.end && record.end->outcome == "completed";
+    analysis.activationUnknown = record.start ? "no end line in the boot record (the run did not end: a power cut "
+                                                "or a kill)"
+                                              : "no start line in the boot record";
+    TakeRecordedOutcomes(record, analysis);
+  } else {
+    const TimingLog& timing = analysis.timing;
+    analysis.completed = timing.activationStart && timing.activationEnd;
+    analysis.activationUnknown =
+        analysis.completed ? "the summary in the timing log ends before it starts (the wall clock was set back)"
+                           : "no summary in the timing log (the run did not end normally)";
+    TakeSinkOutcomes(outcomes, analysis);
+  }
+  analysis.activation = ActivationTime(analysis.timing);
 
   analysis.byStart.resize(plugins.size());
   std::iota(analysis.byStart.begin(), analysis.byStart.end(), 0);
@@ -74,6 +133,11 @@ Analysis Analyze(TimingLog timing, const PluginOutcomes& outcomes, const Depende
   for (const TimedPlugin& plugin : plugins) lastEnd = std::max(lastEnd, plugin.end);
   analysis.origin = analysis.timing.activationStart.value_or(firstStart);
   analysis.finish = analysis.timing.activationEnd.value_or(lastEnd);
+  // A summary that a step of the wall clock turned around frames nothing.
+  if (analysis.finish < analysis.origin) {
+    analysis.origin = firstStart;
+    analysis.finish = lastEnd;
+  }
 
   if (graph == nullptr) {
     analysis.chainNotes.push_back("not worked out: no plugin files given (--plugins)");
@@ -94,21 +158,30 @@ void PrintReport(std::ostream& output, const Analysis& analysis, std::size_t top
   if (!plugins.empty()) output << " (" << OutcomeCounts(analysis) << ")";
   output << '\n';
 
-  // The activator records the kernel's uptime in whole seconds.
-  output << "Kernel start to activation start: "
-         << (timing.kernelTime ? std::to_string(*timing.kernelTime / 1000000) + " s" : "unknown (no start line)")
-         << '\n';
-  if (timing.activationStart && timing.activationEnd) {
-    output << "Activation: " << FormatDuration(*timing.activationEnd - *timing.activationStart) << " ("
-           << FormatTimestamp(*timing.activationStart) << " to " << FormatTimestamp(*timing.activationEnd)
-           << " UTC)\n";
+  // The timing log has the kernel's uptime in whole seconds, the record exactly.
+  std::string kernelTime = "unknown (no start line)";
+  if (timing.kernelTime) {
+    kernelTime = analysis.fromRecord ? FormatDuration(*timing.kernelTime)
+                                     : std::to_string(*timing.kernelTime / 1000000) + " s";
+  }
+  output << "Kernel start to activation start: " << kernelTime << '\n';
+  if (analysis.activation) {
+    output << "Activation: " << FormatDuration(*analysis.activation) << " (" << FormatTimestamp(*timing.activationStart)
+           << " to " << FormatTimestamp(*timing.activationEnd) << " UTC)";
+    if (analysis.endedAs && *analysis.endedAs != "completed") {
+      output << "; the run did not complete: " << *analysis.endedAs;
+    }
+    output << '\n';
     if (timing.kernelTime) {
-      output << "Kernel start to end of activation: "
-             << FormatDuration(*timing.kernelTime + *timing.activationEnd - *timing.activationStart) << '\n';
+      output << "Kernel start to end of activation: " << FormatDuration(*timing.kernelTime + *analysis.activation)
+             << '\n';
     }
   } else {
-    output << "Activation: no summary in the timing log (the run did not end normally)";
-    if (!plugins.empty()) output << "; the timed plugins span " << FormatDuration(analysis.finish - analysis.origin);
+    output << "Activation: " << analysis.activationUnknown;
+    // Across a step that only a timing log shows, their span means nothing.
+    if (!plugins.empty() && (analysis.fromRecord || analysis.clockSteps.empty())) {
+      output << "; the timed plugins span " << FormatDuration(analysis.finish - analysis.origin);
+    }
     output << '\n';
   }
 
@@ -143,7 +216,7 @@ void PrintReport(std::ostream& output, const Analysis& analysis, std::size_t top
   for (const std::string& note : analysis.chainNotes) output << "  " << note << '\n';
 
   if (!analysis.untimed.empty()) {
-    output << "\nReported on the channels but not timed:";
+    output << (analysis.fromRecord ? "\nRecorded but not timed:" : "\nReported on the channels but not timed:");
     for (std::size_t i = 0; i < analysis.untimed.size() && i < kUntimedListed; ++i) {
       output << (i == 0 ? " " : ", ") << analysis.untimed[i].first << " (" << OutcomeName(analysis.untimed[i].second)
              << ")";
@@ -153,15 +226,15 @@ void PrintReport(std::ostream& output, const Analysis& analysis, std::size_t top
     }
     output << '\n';
   }
+  if (!analysis.clockSteps.empty()) output << '\n';
+  for (const ClockStep& step : analysis.clockSteps) output << "Clock step: " << ClockStepText(step) << '\n';
 }
 
 nlohmann::json ReportJson(const Analysis& analysis, std::size_t top) {
   const TimingLog& timing = analysis.timing;
   nlohmann::json report;
   report["kernel_to_activation_us"] = OrNull(timing.kernelTime);
-  std::optional<Microseconds> activation;
-  if (timing.activationStart && timing.activationEnd) activation = *timing.activationEnd - *timing.activationStart;
-  report["activation_us"] = OrNull(activation);
+  report["activation_us"] = OrNull(analysis.activation);
   report["activation_start"] =
       timing.activationStart ? nlohmann::json(FormatTimestamp(*timing.activationStart)) : nlohmann::json(nullptr);
   report["activation_end"] =
@@ -179,6 +252,8 @@ nlohmann::json ReportJson(const Analysis& analysis, std::size_t top) {
     report["critical_chain_running_us"] = ChainBusy(analysis);
   }
   report["notes"] = analysis.chainNotes;
+  report["boot_id"] = OrNull(analysis.bootId);
+  report["clock_steps"] = ClockStepsJson(analysis.clockSteps);
   nlohmann::json& untimed = report["untimed"] = nlohmann::json::array();
   for (const auto& [name, outcome] : analysis.untimed) {
     untimed.push_back({{"name", name}, {"outcome", std::string(OutcomeName(outcome))}});

@@ -53,12 +53,12 @@ std::vector<std::pair<std::string, Microseconds>> TimesByName(const Analysis& an
 }
 
 BootTotals Totals(const Analysis& analysis) {
-  const TimingLog& timing = analysis.timing;
   BootTotals totals;
-  totals.kernelTime = timing.kernelTime;
-  totals.hasSummary = timing.activationStart && timing.activationEnd;
-  totals.activation =
-      totals.hasSummary ? *timing.activationEnd - *timing.activationStart : analysis.finish - analysis.origin;
+  totals.kernelTime = analysis.timing.kernelTime;
+  totals.hasSummary = analysis.activation.has_value();
+  totals.activation = analysis.activation.value_or(analysis.finish - analysis.origin);
+  totals.activationUnknown = analysis.activationUnknown;
+  totals.clockSteps = analysis.clockSteps;
   return totals;
 }
 
@@ -172,12 +172,19 @@ Comparison Compare(const Analysis& before, const Analysis& after, const Threshol
   comparison.after = Totals(after);
   comparison.threshold = threshold;
 
+  std::unordered_set<std::string> unknown;
+  for (const Analysis* boot : {&before, &after}) {
+    for (const TimedPlugin& line : boot->timing.endsBeforeStart) {
+      if (unknown.insert(line.name).second) comparison.timeUnknown.push_back(line.name);
+    }
+  }
   std::vector<std::pair<std::string, Microseconds>> timesBefore = TimesByName(before);
   std::vector<std::pair<std::string, Microseconds>> timesAfter = TimesByName(after);
   std::unordered_map<std::string, Microseconds> lookup(timesBefore.begin(), timesBefore.end());
   std::unordered_set<std::string> namesAfter;
   for (const auto& [name, time] : timesAfter) {
     namesAfter.insert(name);
+    if (unknown.contains(name)) continue;
     auto found = lookup.find(name);
     if (found == lookup.end()) {
       comparison.added.push_back(name);
@@ -186,7 +193,7 @@ Comparison Compare(const Analysis& before, const Analysis& after, const Threshol
     }
   }
   for (const auto& [name, time] : timesBefore) {
-    if (!namesAfter.contains(name)) comparison.removed.push_back(name);
+    if (!namesAfter.contains(name) && !unknown.contains(name)) comparison.removed.push_back(name);
   }
 
   std::sort(comparison.plugins.begin(), comparison.plugins.end(), [](const PluginChange& a, const PluginChange& b) {
@@ -219,11 +226,10 @@ void PrintComparison(std::ostream& output, const Comparison& comparison, std::si
          << " (" << FormatChange(after.activation - before.activation) << ")\n";
   for (const auto& [boot, totals] : {std::pair{"before", &before}, std::pair{"after", &after}}) {
     if (!totals->hasSummary) {
-      output << "  " << boot << ": no summary in the timing log (the run did not end normally); "
-             << "the span of its timed plugins counts instead\n";
+      output << "  " << boot << ": " << totals->activationUnknown << "; the span of its timed plugins counts instead\n";
     }
   }
-  // The activator records the kernel's uptime in whole seconds.
+  // In whole seconds, as a timing log has it.
   auto seconds = [](const std::optional<Microseconds>& time) {
     return time ? std::to_string(*time / 1000000) + " s" : std::string("unknown (no start line)");
   };
@@ -244,6 +250,9 @@ void PrintComparison(std::ostream& output, const Comparison& comparison, std::si
   output << '\n';
   PrintNames(output, "Added plugins", comparison.added);
   PrintNames(output, "Removed plugins", comparison.removed);
+  if (!comparison.timeUnknown.empty()) {
+    PrintNames(output, "Time unknown (a timing line that ends before it starts)", comparison.timeUnknown);
+  }
 
   output << "\nCritical chain";
   if (comparison.chainBefore && comparison.chainAfter) {
@@ -257,6 +266,13 @@ void PrintComparison(std::ostream& output, const Comparison& comparison, std::si
     output << ":\n";
   }
   for (const std::string& note : comparison.chainNotes) output << "  " << note << '\n';
+
+  for (const auto& [boot, totals] : {std::pair{"before", &before}, std::pair{"after", &after}}) {
+    for (const ClockStep& step : totals->clockSteps) {
+      output << "\nClock step in the boot " << boot << ": " << ClockStepText(step);
+    }
+  }
+  if (!before.clockSteps.empty() || !after.clockSteps.empty()) output << '\n';
 }
 
 nlohmann::json ComparisonJson(const Comparison& comparison, std::size_t top) {
@@ -282,6 +298,8 @@ nlohmann::json ComparisonJson(const Comparison& comparison, std::size_t top) {
   report["faster"] = ChangesJson(comparison, comparison.faster, top);
   report["added"] = comparison.added;
   report["removed"] = comparison.removed;
+  report["time_unknown"] = comparison.timeUnknown;
+  report["clock_steps"] = {{"before", ClockStepsJson(before.clockSteps)}, {"after", ClockStepsJson(after.clockSteps)}};
   report["critical_chain"] = nullptr;
   if (comparison.chainBefore && comparison.chainAfter) {
     report["critical_chain"] = {{"changed", *comparison.chainBefore != *comparison.chainAfter},

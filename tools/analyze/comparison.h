@@ -38,9 +38,11 @@ struct PluginChange {
 };
 
 struct BootTotals {
-  std::optional<Microseconds> kernelTime;  // host uptime when activation began, whole seconds
-  Microseconds activation = 0;  // the summary's, else the span of the timed plugins
-  bool hasSummary = false;
+  std::optional<Microseconds> kernelTime;  // host uptime when activation began
+  Microseconds activation = 0;  // from its start to its end, else the span of the timed plugins
+  bool hasSummary = false;  // its start and end are known
+  std::string activationUnknown;  // why not, when they are not
+  std::vector<ClockStep> clockSteps;
 };
 
 // A plugin's time is the end minus the start of its timing line. A name timed more
@@ -54,6 +56,9 @@ struct Comparison {
   std::vector<std::size_t> faster;  // the largest decrease first
   std::vector<std::string> added;  // timed only after, in the order of its log
   std::vector<std::string> removed;  // timed only before, in the order of its log
+  // Timed in a boot only by a line that ends before it starts (a timing log's, after a
+  // step back of the wall clock): neither compared nor added or removed.
+  std::vector<std::string> timeUnknown;
   // Plugin names along both critical chains; absent without plugin files.
   std::optional<std::vector<std::string>> chainBefore;
   std::optional<std::vector<std::string>> chainAfter;

@@ -44,7 +44,7 @@ struct Row {
   std::vector<const TimedPlugin*> before;
   std::vector<const TimedPlugin*> after;
   Change change = Change::Same;
-  const PluginChange* times = nullptr;  // null when timed in one boot only
+  const PluginChange* times = nullptr;  // null when timed in one boot only, or its time is unknown
 };
 
 Microseconds End(const Analysis& analysis) {
@@ -84,6 +84,7 @@ std::vector<Row> Rows(const Analysis& before, const Analysis& after, const Compa
 std::string RowTitle(const Row& row) {
   if (row.change == Change::Added) return row.name + ": timed after only";
   if (row.change == Change::Removed) return row.name + ": timed before only";
+  if (row.times == nullptr) return row.name + ": time unknown (a timing line that ends before it starts)";
   return row.name + ": " + FormatDuration(row.times->before) + " before, " + FormatDuration(row.times->after) +
          " after (" + FormatChange(row.times->Delta()) + ")";
 }
@@ -131,7 +132,9 @@ void WriteComparisonSvg(std::ostream& output, const Analysis& before, const Anal
     };
     bars(row.before, before, "before", kBeforeColour, top);
     bars(row.after, after, std::string("after ") + style.className, style.colour, top + kBarHeight + 1);
-    std::string change = row.times ? FormatChange(row.times->Delta()) : style.className;
+    std::string change = row.times                    ? FormatChange(row.times->Delta())
+                         : row.change == Change::Same ? "time unknown"
+                                                      : style.className;
     output << "<text x=\"" << TimelineFrame::Number(right + 4) << "\" y=\"" << top + kBarHeight + 4
            << "\" fill=\"#555555\">" << change << "</text></g>\n";
   }

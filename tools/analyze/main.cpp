@@ -1,7 +1,8 @@
-// bootstrand-analyze: reads the boot timing log and the message-channel sinks of a
-// boot and prints where the time went, or compares two boots; optionally draws the
-// boot (or both) as an SVG timeline, or prints the boot's metrics for a fleet's
-// monitoring. It only reads the host; the one file it writes is the SVG it is asked for.
+// bootstrand-analyze: reads the boot record of a boot (or its timing log and the
+// message-channel sinks) and prints where the time went, or compares two boots;
+// optionally draws the boot (or both) as an SVG timeline, or prints the boot's metrics
+// for a fleet's monitoring. It only reads the host; the one file it writes is the SVG
+// it is asked for.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "analyze/analysis.h"
+#include "analyze/boot_input.h"
 #include "analyze/comparison.h"
 #include "analyze/comparison_svg.h"
 #include "analyze/dependency_graph.h"
@@ -26,6 +28,8 @@
 #include "analyze/timeline_svg.h"
 #include "analyze/timing_log.h"
 #include "log/channels.h"
+#include "platform/boot_id.h"
+#include "platform/boot_record.h"
 #include "platform/host_path.h"
 #include "platform/trove.h"
 #include "platform/unique_fd.h"
@@ -39,12 +43,16 @@ constexpr std::size_t kProblemsShown = 20;
 
 constexpr const char* kUsage =
     "Usage: bootstrand-analyze [options] [TIMING-LOG]\n"
-    "Reads the boot timing log (default /var/log/sysboot.log) and the kernel and alert\n"
-    "channel sinks of the last boot and prints the time from kernel start to activation,\n"
-    "the activation time, the slowest plugins and the critical chain. Default paths lie\n"
-    "under BOOTSTRAND_ROOT when it is set.\n"
+    "Reads the last boot's record (default /var/lib/bootstrand/boot-record.jsonl) or,\n"
+    "without one, its timing log (/var/log/sysboot.log) and the kernel and alert\n"
+    "channel sinks, and prints the time from kernel start to activation, the\n"
+    "activation time, the slowest plugins, the critical chain and any step of the\n"
+    "wall clock during the boot. TIMING-LOG may be a timing log or a boot record;\n"
+    "a record's times are measured on the monotonic clock. Default paths lie under\n"
+    "BOOTSTRAND_ROOT when it is set.\n"
     "\n"
-    "  --kernel-log FILE    kernel-channel sink (default /var/run/trove/system.log.log)\n"
+    "  --kernel-log FILE    kernel-channel sink (default /var/run/trove/system.log.log),\n"
+    "                       read with a timing log only: a record holds the outcomes\n"
     "  --alert-log FILE     alert-channel sink, which reports plain activation failures\n"
     "                       (default /var/run/trove/system.sysAlert.log)\n"
     "  --plugins [PATH...]  plugin files or directories, read as bootstrand reads them,\n"
@@ -57,15 +65,18 @@ constexpr const char* kUsage =
     "  --openmetrics        print the boot's metrics instead of the report, in the\n"
     "                       Prometheus text format that node_exporter's textfile\n"
     "                       collector reads; only with TIMING-LOG, --kernel-log and\n"
-    "                       --alert-log\n"
-    "  --compare OLD-LOG    compare with an earlier boot, whose timing log was kept as\n"
-    "                       OLD-LOG: the change of the totals, the plugins that got\n"
-    "                       slower or faster (as many of each as --top says), those\n"
-    "                       added and removed and, with --plugins, whether the\n"
-    "                       critical chain changed; --svg draws both boots. A\n"
-    "                       plugin's time is its timing line's end minus its start;\n"
-    "                       plugins that share a name count with the sum of their\n"
-    "                       times. The channel sinks are not read\n"
+    "                       --alert-log. Without TIMING-LOG, from this boot's record\n"
+    "                       alone: without one they say that activation did not\n"
+    "                       complete, never what an earlier boot did\n"
+    "  --compare OLD-LOG    compare with an earlier boot, whose timing log or boot\n"
+    "                       record was kept as OLD-LOG: the change of the totals, the\n"
+    "                       plugins that got slower or faster (as many of each as\n"
+    "                       --top says), those added and removed and, with --plugins,\n"
+    "                       whether the critical chain changed; --svg draws both\n"
+    "                       boots. A plugin's time is its end minus its start (in a\n"
+    "                       record, on the monotonic clock); plugins that share a\n"
+    "                       name count with the sum of their times. The channel sinks\n"
+    "                       are not read\n"
     "  --threshold ABS,REL% with --compare, the noise of a boot: a change counts as\n"
     "                       slower or faster only when it is at least ABS (a number\n"
     "                       with us, ms or s) and at least REL percent of the time\n"
@@ -90,7 +101,7 @@ struct Options {
   std::optional<std::string> alertLog;
   std::optional<std::vector<std::string>> plugins;
   std::optional<std::string> svg;
-  std::optional<std::string> compare;  // the timing log of the earlier boot
+  std::optional<std::string> compare;  // the timing log or boot record of the earlier boot
   std::optional<Threshold> threshold;
   std::size_t top = 10;
   bool topGiven = false;
@@ -209,17 +220,13 @@ void ReportProblems(const Problems& problems) {
   }
 }
 
-// A log without a single record is not a boot to report on (an empty file, or the
-// wrong one); its lines are not listed one by one.
-TimingLog ReadTiming(const std::string& path, Problems& problems) {
-  std::istringstream text(*ReadWholeFile(path, false));
-  Problems lines;
-  TimingLog log = ReadTimingLog(text, path, lines);
-  if (!log.kernelTime && !log.activationStart && !log.activationEnd && log.plugins.empty()) {
-    throw InputError(path + " holds no timing record");
+// A timing log or a boot record, whichever the file holds.
+BootInput ReadBoot(const std::string& path, Problems& problems) {
+  try {
+    return ReadBootInput(*ReadWholeFile(path, false), path, problems);
+  } catch (const std::runtime_error& error) {
+    throw InputError(error.what());
   }
-  problems.insert(problems.end(), lines.begin(), lines.end());
-  return log;
 }
 
 // The tags of the plugin files, when --plugins asks for the critical chain.
@@ -257,11 +264,8 @@ void PrintJson(nlohmann::json report, const Problems& problems) {
   std::cout << report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
 }
 
-int Run(const Options& options) {
-  Problems problems;
-  std::string timingPath = options.timingLog.value_or(bootstrand::HostPath("/var/log/sysboot.log"));
-  TimingLog timing = ReadTiming(timingPath, problems);
-
+// The outcomes of a boot that has only a timing log: from the channel sinks.
+PluginOutcomes ReadSinks(const Options& options, Problems& problems) {
   PluginOutcomes outcomes;
   std::string kernelPath = options.kernelLog.value_or(bootstrand::TroveSinkPath(Trove_NODE_system_log));
   if (std::optional<std::string> kernel = ReadWholeFile(kernelPath, !options.kernelLog)) {
@@ -276,19 +280,75 @@ int Run(const Options& options) {
     std::istringstream text(*alert);
     outcomes.ReadAlertSink(text, alertPath, problems);
   }
+  return outcomes;
+}
+
+// --openmetrics without TIMING-LOG: from this boot's record alone, so that a boot
+// whose activator never ran (or stopped before its start line) never publishes the
+// figures of the boot before it.
+int RunThisBootsMetrics() {
+  Problems problems;
+  std::optional<std::string> bootId = bootstrand::CurrentBootId();
+  std::string path = bootstrand::HostPath(bootstrand::BootRecord::kPath);
+  std::optional<BootInput> boot;
+  std::string missing;  // why this boot has no record
+  if (std::optional<std::string> text = ReadWholeFile(path, true)) {
+    try {
+      boot = ReadBootInput(*text, path, problems);
+    } catch (const std::runtime_error&) {
+      // Not a line of a boot in it: no start line either, said below.
+    }
+    const auto* start = boot && boot->record && boot->record->start ? &*boot->record->start : nullptr;
+    if (start == nullptr) {
+      missing = "holds no start line";
+    } else if (!bootId) {
+      missing = "cannot be matched to this boot, whose boot id cannot be read";
+    } else if (start->bootId != bootId) {
+      missing = "is of an earlier boot (boot id " + start->bootId.value_or("unknown") + ")";
+    }
+  } else {
+    missing = "is missing: the activator did not run at this boot";
+  }
+  if (!missing.empty()) {
+    problems.push_back({path, 0, missing + "; the metrics say only that activation did not complete"});
+  }
+  ReportProblems(problems);
+  if (missing.empty()) {
+    WriteOpenMetrics(std::cout, Analyze(std::move(*boot), PluginOutcomes(), nullptr));
+  } else {
+    WriteNoBootMetrics(std::cout, bootId);
+  }
+  std::cout.flush();
+  return std::cout ? 0 : 1;
+}
+
+int Run(const Options& options) {
+  if (options.openMetrics && !options.timingLog) return RunThisBootsMetrics();
+  Problems problems;
+  BootInput boot = ReadBoot(options.timingLog.value_or(HostBootInputPath()), problems);
+  const std::string path = boot.path;
+  const bool fromRecord = boot.record.has_value();
+  PluginOutcomes outcomes;
+  if (!fromRecord) {
+    outcomes = ReadSinks(options, problems);
+  } else {
+    for (const std::optional<std::string>* sink : {&options.kernelLog, &options.alertLog}) {
+      if (*sink) problems.push_back({**sink, 0, "not read: the boot record holds the outcomes"});
+    }
+  }
 
   std::optional<DependencyGraph> graph = LoadGraph(options, problems);
-  Analysis analysis = Analyze(std::move(timing), outcomes, graph ? &*graph : nullptr);
+  Analysis analysis = Analyze(std::move(boot), outcomes, graph ? &*graph : nullptr);
   ReportProblems(problems);
   if (options.svg && !WriteSvg(*options.svg, [&](std::ostream& svg) { WriteTimelineSvg(svg, analysis); })) return 1;
   if (options.openMetrics) {
     WriteOpenMetrics(std::cout, analysis);
   } else if (options.json) {
     nlohmann::json report = ReportJson(analysis, options.top);
-    report["timing_log"] = timingPath;
+    report[fromRecord ? "boot_record" : "timing_log"] = path;
     PrintJson(std::move(report), problems);
   } else {
-    std::cout << "Timing log: " << timingPath << '\n';
+    std::cout << (fromRecord ? "Boot record: " : "Timing log: ") << path << '\n';
     PrintReport(std::cout, analysis, options.top);
     if (options.svg) std::cout << "\nTimeline: " << *options.svg << '\n';
   }
@@ -296,18 +356,19 @@ int Run(const Options& options) {
   return std::cout ? 0 : 1;
 }
 
-// --compare: the boot before from its kept timing log, the boot after from the host's
-// (or the given) timing log; both chains from the same plugin files.
+// --compare: the boot before from its kept timing log or record, the boot after from
+// the host's (or the given) record or timing log; both chains from the same plugin
+// files.
 int RunCompare(const Options& options) {
   Problems problems;
   const std::string& beforePath = *options.compare;
-  std::string afterPath = options.timingLog.value_or(bootstrand::HostPath("/var/log/sysboot.log"));
-  TimingLog beforeTiming = ReadTiming(beforePath, problems);
-  TimingLog afterTiming = ReadTiming(afterPath, problems);
+  std::string afterPath = options.timingLog.value_or(HostBootInputPath());
+  BootInput beforeBoot = ReadBoot(beforePath, problems);
+  BootInput afterBoot = ReadBoot(afterPath, problems);
   std::optional<DependencyGraph> graph = LoadGraph(options, problems);
   PluginOutcomes noOutcomes;
-  Analysis before = Analyze(std::move(beforeTiming), noOutcomes, graph ? &*graph : nullptr);
-  Analysis after = Analyze(std::move(afterTiming), noOutcomes, graph ? &*graph : nullptr);
+  Analysis before = Analyze(std::move(beforeBoot), noOutcomes, graph ? &*graph : nullptr);
+  Analysis after = Analyze(std::move(afterBoot), noOutcomes, graph ? &*graph : nullptr);
   Comparison comparison = Compare(before, after, options.threshold.value_or(Threshold()));
   ReportProblems(problems);
   auto draw = [&](std::ostream& svg) { WriteComparisonSvg(svg, before, after, comparison); };

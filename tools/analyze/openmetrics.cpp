@@ -85,6 +85,18 @@ std::vector<PluginSeries> SeriesByLabel(const Analysis& analysis) {
   return series;
 }
 
+void WriteBootInfo(std::ostream& output, const std::optional<std::string>& bootId) {
+  if (!bootId) return;
+  Family(output, "bootstrand_boot_info", "The boot these metrics describe, by the kernel's boot id; always 1.");
+  output << "bootstrand_boot_info{boot_id=" << LabelValue(*bootId) << "} 1\n";
+}
+
+void WriteCompleted(std::ostream& output, bool completed) {
+  Family(output, "bootstrand_activation_completed",
+         "1 when activation at the last boot ran to its end, 0 when it stopped before or did not run at all.");
+  output << "bootstrand_activation_completed " << (completed ? 1 : 0) << '\n';
+}
+
 }  // namespace
 
 std::string LabelValue(std::string_view name) {
@@ -113,33 +125,31 @@ std::string LabelValue(std::string_view name) {
 void WriteOpenMetrics(std::ostream& output, const Analysis& analysis) {
   const TimingLog& timing = analysis.timing;
   const bool timed = !timing.plugins.empty();
-  // Without a summary, the timed plugins stand in for the ends of activation, as in
-  // the report; a log that has neither leaves the figure out.
+  WriteBootInfo(output, analysis.bootId);
+  // Without an end of activation, the timed plugins stand in for the ends, as in the
+  // report; an input that has neither leaves the figure out.
   if (timing.activationStart || timed) {
     Family(output, "bootstrand_activation_start_timestamp_seconds",
            "When plugin activation started at the last boot, in seconds since the epoch.");
     output << "bootstrand_activation_start_timestamp_seconds " << Seconds(analysis.origin) << '\n';
-    if (timing.activationEnd || timed) {
+    if (analysis.activation || timed) {
       Family(output, "bootstrand_activation_duration_seconds",
-             "How long plugin activation took at the last boot (without a summary in the timing log, the span of "
-             "the timed plugins).");
+             "How long plugin activation took at the last boot (without its end, the span of the timed plugins).");
       output << "bootstrand_activation_duration_seconds " << Seconds(analysis.finish - analysis.origin) << '\n';
     }
   }
-  Family(output, "bootstrand_activation_completed",
-         "1 when activation at the last boot ran to its end (the timing log holds its summary), 0 when the run "
-         "stopped before.");
-  output << "bootstrand_activation_completed " << (timing.activationStart && timing.activationEnd ? 1 : 0) << '\n';
+  WriteCompleted(output, analysis.completed);
   if (timing.kernelTime) {
     Family(output, "bootstrand_kernel_to_activation_seconds",
-           "Time from kernel start to the start of plugin activation at the last boot, in whole seconds.");
+           "Time from kernel start to the start of plugin activation at the last boot (in whole seconds from a "
+           "timing log).");
     output << "bootstrand_kernel_to_activation_seconds " << Seconds(*timing.kernelTime) << '\n';
   }
 
   std::map<Outcome, std::size_t> counts;
   for (Outcome outcome : analysis.outcomes) ++counts[outcome];
   for (const auto& untimed : analysis.untimed) ++counts[untimed.second];
-  Family(output, "bootstrand_plugins", "Plugins of the last boot by outcome, those without a timing line included.");
+  Family(output, "bootstrand_plugins", "Plugins of the last boot by outcome, those that were not timed included.");
   for (Outcome outcome : kOutcomes) {
     output << "bootstrand_plugins{outcome=\"" << OutcomeLabel(outcome) << "\"} " << counts[outcome] << '\n';
   }
@@ -147,7 +157,7 @@ void WriteOpenMetrics(std::ostream& output, const Analysis& analysis) {
   std::vector<PluginSeries> series = SeriesByLabel(analysis);
   if (timed) {
     Family(output, "bootstrand_plugin_duration_seconds",
-           "Time each plugin took at the last boot: the end minus the start of its timing line.");
+           "Time each plugin took at the last boot, on the monotonic clock when the boot record holds it.");
     for (const PluginSeries& each : series) {
       if (each.duration) output << "bootstrand_plugin_duration_seconds{plugin=" << each.label << "} "
                                 << Seconds(*each.duration) << '\n';
@@ -159,6 +169,11 @@ void WriteOpenMetrics(std::ostream& output, const Analysis& analysis) {
       output << "bootstrand_plugin_failed{plugin=" << each.label << "} " << (each.failed ? 1 : 0) << '\n';
     }
   }
+}
+
+void WriteNoBootMetrics(std::ostream& output, const std::optional<std::string>& bootId) {
+  WriteBootInfo(output, bootId);
+  WriteCompleted(output, false);
 }
 
 }  // namespace bootstrand::analyze

@@ -53,9 +53,7 @@ void WriteTimelineSvg(std::ostream& output, const Analysis& analysis) {
   TimelineFrame frame(end - analysis.origin, longest, static_cast<int>(plugins.size()), kRowHeight);
 
   std::string title = "Bootstrand activation: " + std::to_string(plugins.size()) + " plugins";
-  if (analysis.timing.activationStart && analysis.timing.activationEnd) {
-    title += " in " + FormatDuration(*analysis.timing.activationEnd - *analysis.timing.activationStart);
-  }
+  if (analysis.activation) title += " in " + FormatDuration(*analysis.activation);
   if (analysis.timing.kernelTime) {
     title += ", started " + std::to_string(*analysis.timing.kernelTime / 1000000) + " s after the kernel";
   }

@@ -143,10 +143,15 @@ TimingLog ReadTimingLog(std::istream& input, const std::string& file, Problems& 
     auto start = ParseTimestamp(text.substr(1, dash - 1));
     auto end = ParseTimestamp(text.substr(dash + 3, close - dash - 3));
     if (!start || !end) return skip("malformed plugin time");
-    if (*end < *start) return skip("plugin ends before it starts");
-    log.plugins.push_back({std::string(text.substr(close + kPluginSeparator.size())), *start, *end, number});
+    TimedPlugin plugin{std::string(text.substr(close + kPluginSeparator.size())), *start, *end, number};
+    (*end < *start ? log.endsBeforeStart : log.plugins).push_back(std::move(plugin));
   });
   return log;
+}
+
+std::optional<Microseconds> ActivationTime(const TimingLog& log) {
+  if (!log.activationStart || !log.activationEnd || *log.activationEnd < *log.activationStart) return std::nullopt;
+  return *log.activationEnd - *log.activationStart;
 }
 
 }  // namespace bootstrand::analyze

@@ -4,12 +4,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <sstream>
 #include <stdexcept>
 #include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 
+#include "analyze/boot_input.h"
 #include "analyze/dependency_graph.h"
 #include "lint.h"
 #include "platform/file_text.h"
@@ -27,7 +27,7 @@ constexpr std::size_t kProblemsShown = 20;
 // The ends of a longer critical chain are named, the middle counted.
 constexpr std::size_t kChainEnds = 10;
 
-analyze::TimingLog ReadLog(const std::string& path, analyze::Problems& problems) {
+analyze::BootInput ReadBoot(const std::string& path, analyze::Problems& problems) {
   std::optional<std::string> text;
   errno = 0;
   try {
@@ -39,12 +39,7 @@ analyze::TimingLog ReadLog(const std::string& path, analyze::Problems& problems)
     // Only a folder leaves errno alone.
     throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno != 0 ? errno : EISDIR));
   }
-  std::istringstream input(*text);
-  analyze::TimingLog log = analyze::ReadTimingLog(input, path, problems);
-  if (!log.kernelTime && !log.activationStart && !log.activationEnd && log.plugins.empty()) {
-    throw std::runtime_error(path + " holds no timing record");
-  }
-  return log;
+  return analyze::ReadBootInput(*text, path, problems);
 }
 
 std::string Row(Microseconds start, Microseconds end) {
@@ -72,11 +67,18 @@ Prediction Predict(const PredictOptions& options, std::uint32_t workers) {
   Prediction prediction;
   prediction.timingLog = options.timingLog;
   prediction.defaultTime = options.defaultTime;
-  analyze::TimingLog log = ReadLog(options.timingLog, prediction.problems);
-  if (log.activationStart && log.activationEnd) prediction.lastActivation = *log.activationEnd - *log.activationStart;
+  analyze::BootInput input = ReadBoot(options.timingLog, prediction.problems);
+  const analyze::TimingLog& log = input.timing;
+  prediction.fromRecord = input.record.has_value();
+  prediction.lastActivation = analyze::ActivationTime(log);
+  prediction.clockSteps = analyze::ClockStepsOf(input);
   // Plugins that share a name (one file name in both plugin directories) share its lines.
   std::unordered_map<std::string, Microseconds> logged;
   for (const analyze::TimedPlugin& line : log.plugins) logged[line.name] += line.end - line.start;
+  std::unordered_set<std::string> unknown;
+  for (const analyze::TimedPlugin& line : log.endsBeforeStart) {
+    if (!logged.contains(line.name)) unknown.insert(line.name);
+  }
 
   const std::vector<Plugin*> listed(Plugin::plugins.begin(), Plugin::plugins.end());
   std::unordered_set<std::string> names;
@@ -90,11 +92,11 @@ Prediction Predict(const PredictOptions& options, std::uint32_t workers) {
   // Taken before the run, which empties the list the waits are read from.
   analyze::DependencyGraph graph;
   graph.ReadWaits();
-  std::unordered_set<std::string> defaulted;
+  std::unordered_set<std::string> defaulted, unknownRun;
   SimulatedPool pool(workers, [&](const Plugin& plugin) {
     if (auto set = options.setTimes.find(plugin.name); set != options.setTimes.end()) return set->second;
     if (auto found = logged.find(plugin.name); found != logged.end()) return found->second;
-    defaulted.insert(plugin.name);
+    (unknown.contains(plugin.name) ? unknownRun : defaulted).insert(plugin.name);
     return options.defaultTime;
   });
   ActivateFlags flags = 0;
@@ -122,6 +124,7 @@ Prediction Predict(const PredictOptions& options, std::uint32_t workers) {
   }
   for (const Plugin* plugin : listed) {
     if (defaulted.erase(plugin->name) != 0) prediction.defaulted.push_back(plugin->name);
+    if (unknownRun.erase(plugin->name) != 0) prediction.timeUnknown.push_back(plugin->name);
     if (ran.count(plugin) == 0 && !Plugin::plugins.Contains(plugin)) prediction.preempted.push_back(plugin->name);
   }
   return prediction;
@@ -151,8 +154,16 @@ void WritePredictionText(const Prediction& prediction, std::ostream& stream) {
     stream << "  not in the timing log, so taken to run " << FormatDuration(prediction.defaultTime)
            << " (--default-time): " << Joined(prediction.defaulted, ", ") << '\n';
   }
+  if (!prediction.timeUnknown.empty()) {
+    stream << "  their timing lines end before they start, so taken to run "
+           << FormatDuration(prediction.defaultTime) << " (--default-time): " << Joined(prediction.timeUnknown, ", ")
+           << '\n';
+  }
   if (!prediction.preempted.empty()) {
     stream << "  preempted: " << Joined(prediction.preempted, ", ") << '\n';
+  }
+  for (const analyze::ClockStep& step : prediction.clockSteps) {
+    stream << "  clock step at the boot the times come from: " << analyze::ClockStepText(step) << '\n';
   }
 }
 
@@ -181,11 +192,13 @@ nlohmann::json PredictionJson(const Prediction& prediction) {
   nlohmann::json problems = nlohmann::json::array();
   for (const analyze::Problem& problem : prediction.problems) problems.push_back(analyze::Describe(problem));
   return {
-      {"timing_log", prediction.timingLog},
+      {prediction.fromRecord ? "boot_record" : "timing_log", prediction.timingLog},
       {"last_boot_activation_us",
        prediction.lastActivation ? nlohmann::json(*prediction.lastActivation) : nlohmann::json(nullptr)},
       {"default_time_us", prediction.defaultTime},
       {"defaulted", prediction.defaulted},
+      {"time_unknown", prediction.timeUnknown},
+      {"clock_steps", analyze::ClockStepsJson(prediction.clockSteps)},
       {"set_time", setTimes},
       {"problems", problems},
       {"predicted",

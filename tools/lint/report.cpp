@@ -182,7 +182,9 @@ void WriteReportText(const LintReport& report, std::ostream& stream) {
 
   std::string limit = report.workers == 0 ? "no worker limit" : "at most " + Counted(report.workers, "worker");
   if (report.prediction) {
-    stream << "predicted boot, " << limit << ", from the timing log " << report.prediction->timingLog << ":\n";
+    stream << "predicted boot, " << limit
+           << (report.prediction->fromRecord ? ", from the boot record " : ", from the timing log ")
+           << report.prediction->timingLog << ":\n";
     WritePredictionText(*report.prediction, stream);
   } else {
     stream << "activation order, " << limit << ":\n";
