@@ -39,8 +39,12 @@ TEST(BootStep, RunsEachRunOncePluginOncePerVersion) {
       {"first boot: flaky fails", nullptr, {"--name=every", "--name=keys"}, {"keys1.0"}, ""},
       {"flaky fixed: it runs, keys does not", [](const HostRoot& r) { r.WriteFile("/fixed", ""); },
        {"--name=every", "--name=flaky"}, {"keys1.0", "flaky1"}, ""},
-      {"a new version of keys runs once", [](const HostRoot& r) { WriteTree(r, "1.1"); }, {"--name=every", "--name=keys"},
-       {"keys1.0", "flaky1", "keys1.1"}, ""},
+      {"a new version of keys runs once; the temporary a power cut left is removed",
+       [](const HostRoot& r) {
+         WriteTree(r, "1.1");
+         r.WriteFile("/var/lib/bootstrand/.run-once.Cut4Q2", "keys1.0\nfla");
+       },
+       {"--name=every", "--name=keys"}, {"keys1.0", "flaky1", "keys1.1"}, ""},
       {"nothing new", nullptr, {"--name=every"}, {"keys1.0", "flaky1", "keys1.1"}, ""},
       {"a named pipe as the state file holds nothing up",
        [&](const HostRoot& r) {
@@ -65,6 +69,11 @@ TEST(BootStep, RunsEachRunOncePluginOncePerVersion) {
     std::sort(marks.begin(), marks.end());
     EXPECT_EQ(marks, boot.marks);
     EXPECT_EQ(std::filesystem::is_regular_file(root.Path(state)) ? root.ReadLines(state) : Lines{}, boot.state);
+    Lines temporaries;
+    for (const auto& entry : std::filesystem::directory_iterator(root.Path("/var/lib/bootstrand"))) {
+      if (entry.path().filename().string().starts_with(".run-once.")) temporaries.push_back(entry.path().filename());
+    }
+    EXPECT_EQ(temporaries, Lines{});
   }
 }
 
