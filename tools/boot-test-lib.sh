@@ -131,12 +131,17 @@ make_appliance_initramfs() {
   (cd "$staging" && find . | cpio --quiet -o -H newc -R 0:0 | gzip -1) >"$folder/initramfs.gz"
 }
 
-# make_debian_disk FOLDER PACKAGE [PLUGIN_FOLDER...]: FOLDER/disk.ext4, the cached
-# Debian root with PACKAGE installed by dpkg -i, the example tree, the plugins of each
-# PLUGIN_FOLDER, and the unit that reports and powers off once the boot is up.
+# make_debian_disk FOLDER PACKAGE [--tree TREE] [PLUGIN_FOLDER...]: FOLDER/disk.ext4,
+# the cached Debian root with PACKAGE installed by dpkg -i, the example tree, the
+# files of TREE (owned by root) laid over it, the plugins of each PLUGIN_FOLDER, and
+# the unit that reports and powers off once the boot is up.
 make_debian_disk() {
-  local folder=$1 package=$2 base root extra
+  local folder=$1 package=$2 base root extra tree=""
   shift 2
+  if [ "${1:-}" = --tree ]; then
+    tree=$2
+    shift 2
+  fi
   base=$(debian_root)
   root=$folder/root
   $as_root rm -rf "$root"
@@ -145,6 +150,7 @@ make_debian_disk() {
   $as_root chroot "$root" dpkg -i /tmp/bootstrand.deb >&2
   $as_root rm "$root/tmp/bootstrand.deb"
   $as_root tools/make-root "$root" >/dev/null
+  [ -z "$tree" ] || $as_root cp -a --no-preserve=ownership "$tree/." "$root/"
   for extra in "$@"; do $as_root cp "$extra"/* "$root/usr/libexec/bootstrand/plugins/"; done
   $as_root install -m 755 "$guest_files/debian-report" "$root/usr/local/sbin/boot-test-report"
   $as_root install -m 644 "$guest_files/report.sh" "$root/usr/local/lib/boot-test-report.sh"
@@ -190,17 +196,64 @@ EOF
 # FOLDER/report.log. TCG unless BOOT_TEST_KVM=1: KVM was seen to fail on these
 # machines. Each boot has BOOT_TEST_TIMEOUT seconds (180) to power off.
 boot_guest() {
-  local folder=$1 kernel=$2 initrd=$3 arguments=$4 accel=(-accel tcg) status=0 started
-  shift 4
-  [ "${BOOT_TEST_KVM:-}" = 1 ] && accel=(-accel kvm -cpu host)
+  local folder=$1 status=0 started
+  qemu_options "$@"
   rm -f "$folder/console.log" "$folder/report.log"
   started=$SECONDS
-  # panic=-1 with -no-reboot: a guest whose init dies ends QEMU instead of hanging.
-  timeout "${BOOT_TEST_TIMEOUT:-180}" qemu-system-x86_64 "${accel[@]}" -smp 2 -m 6G -nodefaults -no-reboot \
-    -display none -monitor none -serial "file:$folder/console.log" -serial "file:$folder/report.log" \
-    -kernel "$kernel" -initrd "$initrd" -append "console=ttyS0 panic=-1 $arguments" "$@" || status=$?
+  timeout "${BOOT_TEST_TIMEOUT:-180}" qemu-system-x86_64 "${qemu[@]}" -monitor none || status=$?
   echo "$status $((SECONDS - started))" >"$folder/qemu-status"
   echo "Booted $folder: QEMU status $status after $((SECONDS - started)) s" >&2
+}
+
+# qemu_options FOLDER KERNEL INITRD KERNEL_ARGUMENTS [QEMU_ARGUMENT...]: the QEMU
+# options of boot_guest, but for the monitor, in the array qemu.
+qemu_options() {
+  local folder=$1 kernel=$2 initrd=$3 arguments=$4 accel=(-accel tcg)
+  shift 4
+  [ "${BOOT_TEST_KVM:-}" = 1 ] && accel=(-accel kvm -cpu host)
+  # panic=-1 with -no-reboot: a guest whose init dies ends QEMU instead of hanging.
+  qemu=("${accel[@]}" -smp 2 -m 6G -nodefaults -no-reboot -display none
+        -serial "file:$folder/console.log" -serial "file:$folder/report.log"
+        -kernel "$kernel" -initrd "$initrd" -append "console=ttyS0 panic=-1 $arguments" "$@")
+}
+
+# cut_guest HOW WINDOW FOLDER KERNEL INITRD KERNEL_ARGUMENTS [QEMU_ARGUMENT...]: boots
+# a guest as boot_guest does and cuts its power at a random instant of the WINDOW
+# milliseconds after bootstrand's live line first shows on its console: with HOW
+# "quit", QEMU is told to quit on its monitor; with "kill", it gets SIGKILL. Either
+# way the guest's writes that had not reached the disk image are lost. What happened
+# goes to FOLDER/cut: the way, the delay in milliseconds (none: the line never
+# showed, and the guest was cut at the bound), and the seconds from the start.
+cut_guest() {
+  local how=$1 window=$2 folder=$3 pid started delay=none
+  shift 3
+  qemu_options "$folder" "$@"
+  rm -f "$folder/console.log" "$folder/report.log" "$folder/monitor.in" "$folder/monitor.out"
+  mkfifo "$folder/monitor.in" "$folder/monitor.out"
+  started=$SECONDS
+  qemu-system-x86_64 "${qemu[@]}" -monitor "pipe:$folder/monitor" >"$folder/qemu.log" 2>&1 &
+  pid=$!
+  # The monitor's replies go nowhere, so that QEMU never waits on a full pipe.
+  cat "$folder/monitor.out" >/dev/null &
+  while kill -0 "$pid" 2>/dev/null && [ $((SECONDS - started)) -lt "${BOOT_TEST_TIMEOUT:-180}" ]; do
+    if grep -aq 'activating: ' "$folder/console.log" 2>/dev/null; then
+      delay=$((RANDOM % (window + 1)))
+      sleep "$((delay / 1000)).$(printf %03d $((delay % 1000)))"
+      break
+    fi
+    sleep 0.05
+  done
+  # A guest that powered off by itself before the cut has no monitor to open.
+  if [ "$how" = quit ]; then
+    # shellcheck disable=SC2016 # expanded by that shell
+    timeout 10 bash -c 'echo quit >"$1"' - "$folder/monitor.in" || true
+  else
+    kill -KILL "$pid" 2>/dev/null || true
+  fi
+  wait "$pid" 2>/dev/null || true
+  wait
+  echo "$how $delay $((SECONDS - started))" >"$folder/cut"
+  echo "Cut $folder: $how, $delay ms after the live line, $((SECONDS - started)) s after the start" >&2
 }
 
 # guest FOLDER: the guest whose report and console the checks below read; they

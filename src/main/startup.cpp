@@ -13,6 +13,7 @@
 #include "platform/host_log.h"
 #include "platform/log_identity.h"
 #include "platform/main_memory.h"
+#include "platform/stop_signals.h"
 #include "plugin/plugin.h"
 #include "plugin/recorded_run.h"
 #include "worker/worker.h"
@@ -142,6 +143,8 @@ void ParseArguments(std::list<std::string>& arguments, StartupState& state) {
 }
 
 int BootstrandMain(int argc, char* argv[]) {
+  // Before anything is started: a boot outlives the console it was started from.
+  IgnoreHangUp();
   std::ostream& alert = AlertLog();
   std::list<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
   StartupState state;

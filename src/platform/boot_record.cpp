@@ -104,7 +104,10 @@ void BootRecord::Open(const RecordedRunSettings& settings, const std::vector<Rec
                   {"preemptive", plugin.preemptive},
                   {"disabled", plugin.disabled}});
   }
-  Write(text, false);
+  // Durable from the start, name and lines: a boot whose power is cut before its
+  // first run-once plugin must still leave a record that it began, or the next boot
+  // would read nothing at all instead of an interrupted run.
+  Write(text, true);
   if (record.file.Valid()) SyncFolder(record.path);
 }
 

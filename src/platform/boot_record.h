@@ -72,7 +72,8 @@ class BootRecord {
   static constexpr const char* kPreviousPath = "/var/lib/bootstrand/boot-record.previous.jsonl";
 
   // Keeps the last run's record as the previous one, starts this run's (a host path)
-  // with its start line and one line per plugin, and makes its name durable.
+  // with its start line and one line per plugin, and makes both its name and these
+  // lines durable.
   static void Open(const RecordedRunSettings& settings, const std::vector<RecordedPlugin>& plugins,
                    const ClockReading& at);
   static bool IsOpen();

@@ -1,12 +1,14 @@
 #include "platform/stop_signals.h"
 
-#include <initializer_list>
+#include "platform/signals.h"
 
 namespace bootstrand {
 
 namespace {
 
 volatile sig_atomic_t stopSignal = 0;
+
+constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGQUIT};
 
 // Process-wide: the handlers and the mask are per process, and forked children copy
 // both.
@@ -31,18 +33,16 @@ void CatchStopSignals() {
   if (state.caught) return;
   sigset_t stops;
   sigemptyset(&stops);
-  sigaddset(&stops, SIGTERM);
-  sigaddset(&stops, SIGINT);
+  for (int signal : kStopSignals) sigaddset(&stops, signal);
   sigset_t previous;
   sigprocmask(SIG_BLOCK, &stops, &previous);
   state.waitMask = previous;
-  sigdelset(&state.waitMask, SIGTERM);
-  sigdelset(&state.waitMask, SIGINT);
+  for (int signal : kStopSignals) sigdelset(&state.waitMask, signal);
   // No SA_RESTART: the wait that lets the signal in returns EINTR.
   struct sigaction action {};
   action.sa_handler = Note;
   sigemptyset(&action.sa_mask);
-  for (int signal : {SIGTERM, SIGINT}) {
+  for (int signal : kStopSignals) {
     // A signal ignored from the start (a boot run in the background by a shell, or
     // under nohup) is the caller's choice and stays ignored.
     struct sigaction current {};
@@ -58,6 +58,12 @@ const sigset_t* WaitMask() {
   return state.caught ? &state.waitMask : nullptr;
 }
 
-const char* StopSignalName(int signal) { return signal == SIGINT ? "SIGINT" : "SIGTERM"; }
+const char* StopSignalName(int signal) {
+  if (signal == SIGINT) return "SIGINT";
+  if (signal == SIGQUIT) return "SIGQUIT";
+  return "SIGTERM";
+}
+
+void IgnoreHangUp() { IgnoreSignal(SIGHUP); }
 
 }  // namespace bootstrand

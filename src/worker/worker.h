@@ -78,7 +78,7 @@ class Worker {
   // limit and the timing profile, so that tests can start again from scratch.
   static void ResetPool();
   // The boot was asked to stop by `signal`: ends every worker and the commands they
-  // run, writes "Bootstrand activation interrupted by SIGTERM." (or SIGINT) on the
+  // run, writes "Bootstrand activation interrupted by SIGTERM." (or SIGINT, SIGQUIT) on the
   // alert channel and exits with kInterruptedStatus.
   [[noreturn]] static void Interrupt(int signal);
   static constexpr int kInterruptedStatus = 4;

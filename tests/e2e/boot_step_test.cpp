@@ -1,6 +1,6 @@
 // The host's boot step run boot after boot in one root: run-once plugins run once for
 // each version, a failed one runs again, whatever the channels show; a state file it
-// cannot read costs a rerun, never the boot; a stopped boot keeps what activated.
+// cannot read costs a rerun, never the boot; a signalled boot keeps what activated.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -39,8 +39,12 @@ TEST(BootStep, RunsEachRunOncePluginOncePerVersion) {
       {"first boot: flaky fails", nullptr, {"--name=every", "--name=keys"}, {"keys1.0"}, ""},
       {"flaky fixed: it runs, keys does not", [](const HostRoot& r) { r.WriteFile("/fixed", ""); },
        {"--name=every", "--name=flaky"}, {"keys1.0", "flaky1"}, ""},
-      {"a new version of keys runs once", [](const HostRoot& r) { WriteTree(r, "1.1"); }, {"--name=every", "--name=keys"},
-       {"keys1.0", "flaky1", "keys1.1"}, ""},
+      {"a new version of keys runs once; the temporary a power cut left is removed",
+       [](const HostRoot& r) {
+         WriteTree(r, "1.1");
+         r.WriteFile("/var/lib/bootstrand/.run-once.Cut4Q2", "keys1.0\nfla");
+       },
+       {"--name=every", "--name=keys"}, {"keys1.0", "flaky1", "keys1.1"}, ""},
       {"nothing new", nullptr, {"--name=every"}, {"keys1.0", "flaky1", "keys1.1"}, ""},
       {"a named pipe as the state file holds nothing up",
        [&](const HostRoot& r) {
@@ -65,26 +69,43 @@ TEST(BootStep, RunsEachRunOncePluginOncePerVersion) {
     std::sort(marks.begin(), marks.end());
     EXPECT_EQ(marks, boot.marks);
     EXPECT_EQ(std::filesystem::is_regular_file(root.Path(state)) ? root.ReadLines(state) : Lines{}, boot.state);
+    Lines temporaries;
+    for (const auto& entry : std::filesystem::directory_iterator(root.Path("/var/lib/bootstrand"))) {
+      if (entry.path().filename().string().starts_with(".run-once.")) temporaries.push_back(entry.path().filename());
+    }
+    EXPECT_EQ(temporaries, Lines{});
   }
 }
 
-// The unit stopped in the middle of a boot: every process of it gets SIGTERM. The step
-// waits for bootstrand, keeps the run-once plugin that had activated and exits with
-// bootstrand's status; nothing of the boot is left.
-TEST(BootStep, StoppedBootKeepsWhatActivated) {
-  HostRoot root;
-  root.WriteCommand("hang", "echo $$ > \"$BOOTSTRAND_ROOT/hanging\"\nsleep 1000 & wait");
-  root.WritePlugins({{"keys", {"k"}, {}, {"mark --name keys"}, {{"run_once", true}, {"plugin_version", "1"}}},
-                     {"slow", {"s"}, {"k"}, {"hang"}}});
-  std::string shell = std::string("set -m\n\"$0\" & step=$!\n") +
-                      "until [ -e \"$BOOTSTRAND_ROOT/hanging\" ]; do sleep 0.05; done\n"
-                      "kill -TERM -$step\nwait $step\necho $? > \"$BOOTSTRAND_ROOT/status\"";
-  RunResult run = RunProgram("/bin/bash", root, {"-c", shell, BOOTSTRAND_BOOT_STEP},
-                             {{"BOOTSTRAND_ACTIVATOR", BOOTSTRAND_BINARY}}, 30);
-  EXPECT_FALSE(run.timedOut);
-  EXPECT_EQ(root.ReadFile("/status"), "4\n");
-  EXPECT_EQ(root.ReadLines("/var/lib/bootstrand/run-once"), Lines{"keys1"});
-  EXPECT_EQ(ProcessesOf(root), Lines{});
+// A signal to every process of the boot step in the middle of a boot: a stop of the
+// unit (SIGTERM), the quit key (SIGQUIT) or a hang-up of the console (SIGHUP). The
+// step passes it on and waits for bootstrand, which stops or goes on; the step keeps
+// the run-once plugin that had activated and exits with bootstrand's status; nothing
+// of the boot is left.
+TEST(BootStep, SignalledBootKeepsWhatActivated) {
+  const struct {
+    const char* signal;
+    std::string status;
+  } signalled[] = {{"TERM", "4\n"}, {"QUIT", "4\n"}, {"HUP", "0\n"}};
+  for (const auto& each : signalled) {
+    SCOPED_TRACE(each.signal);
+    HostRoot root;
+    root.WriteCommand("hang", "echo $$ > \"$BOOTSTRAND_ROOT/hanging\"\n"
+                              "until [ -e \"$BOOTSTRAND_ROOT/release\" ]; do sleep 0.05; done");
+    root.WritePlugins({{"keys", {"k"}, {}, {"mark --name keys"}, {{"run_once", true}, {"plugin_version", "1"}}},
+                       {"slow", {"s"}, {"k"}, {"hang"}}});
+    // Released a while after the signal: by then a stop has ended the command.
+    std::string shell = std::string("set -m\n\"$0\" & step=$!\n") +
+                        "until [ -e \"$BOOTSTRAND_ROOT/hanging\" ]; do sleep 0.05; done\n" +
+                        "kill -" + each.signal + " -$step\nsleep 0.5\ntouch \"$BOOTSTRAND_ROOT/release\"\n" +
+                        "wait $step\necho $? > \"$BOOTSTRAND_ROOT/status\"";
+    RunResult run = RunProgram("/bin/bash", root, {"-c", shell, BOOTSTRAND_BOOT_STEP},
+                               {{"BOOTSTRAND_ACTIVATOR", BOOTSTRAND_BINARY}}, 30);
+    EXPECT_FALSE(run.timedOut);
+    EXPECT_EQ(root.ReadFile("/status"), each.status);
+    EXPECT_EQ(root.ReadLines("/var/lib/bootstrand/run-once"), Lines{"keys1"});
+    EXPECT_EQ(ProcessesOf(root), Lines{});
+  }
 }
 
 // Thousands of kept keys go out in several --disable options, none too long for the

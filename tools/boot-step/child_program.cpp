@@ -23,7 +23,7 @@ int RunChildProgram(const std::string& program, const std::vector<std::string>& 
   // has recorded what the child did.
   sigset_t waited;
   sigemptyset(&waited);
-  for (int signal : {SIGTERM, SIGINT, SIGCHLD}) sigaddset(&waited, signal);
+  for (int signal : {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGCHLD}) sigaddset(&waited, signal);
   sigprocmask(SIG_BLOCK, &waited, nullptr);
 
   pid_t child = fork();

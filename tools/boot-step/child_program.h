@@ -1,7 +1,8 @@
 // Runs one program as the boot step's child and waits for it. A stop of the unit
-// (SIGTERM to every process of it) or Ctrl-C (SIGINT) reaching the step is passed on
-// to the child, and the step keeps waiting, so that the child ends on its own terms
-// and the step still gets to record what it did.
+// (SIGTERM to every process of it), Ctrl-C or Ctrl-\ (SIGINT, SIGQUIT) or a hang-up
+// of the console (SIGHUP) reaching the step is passed on to the child, and the step
+// keeps waiting, so that the child ends on its own terms (bootstrand stops, or goes on
+// after a hang-up) and the step still gets to record what it did.
 #pragma once
 
 #include <string>

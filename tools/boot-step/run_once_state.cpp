@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 #include "platform/host_path.h"
@@ -19,6 +20,17 @@ namespace {
 
 [[noreturn]] void Fail(const std::string& what, int error) {
   throw std::runtime_error(what + ": " + std::strerror(error));
+}
+
+constexpr char kTemporaryPrefix[] = ".run-once.";
+
+// A power cut between a temporary's creation and its rename leaves it behind. The step
+// is the only writer, one run a boot, so every temporary found is such a leftover.
+void RemoveLeftTemporaries(const std::string& folder) {
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+    if (entry.path().filename().string().starts_with(kTemporaryPrefix)) std::filesystem::remove(entry.path(), ignored);
+  }
 }
 
 }  // namespace
@@ -56,7 +68,8 @@ std::vector<std::string> ReadRunOnceState(const std::string& path) {
 void WriteRunOnceState(const std::string& path, const std::vector<std::string>& keys) {
   std::string folder = path.substr(0, path.rfind('/'));
   if (!MakeDirectories(folder)) Fail("cannot make " + folder, errno);
-  std::string temporary = folder + "/.run-once.XXXXXX";
+  RemoveLeftTemporaries(folder);
+  std::string temporary = folder + "/" + kTemporaryPrefix + "XXXXXX";
   UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
   if (!file.Valid()) Fail("cannot write in " + folder, errno);
   std::string text;

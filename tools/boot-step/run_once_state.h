@@ -17,7 +17,7 @@ std::vector<std::string> ReadRunOnceState(const std::string& path);
 
 // Replaces the file at `path` with `keys`: written to a temporary file beside it,
 // flushed to the disk, renamed over it, and the folder flushed too. Makes the folder
-// when it is missing. Throws std::runtime_error, with the reason, on failure; the
+// when it is missing; removes the temporaries that earlier writes cut short left. Throws std::runtime_error, with the reason, on failure; the
 // old file is then left as it was.
 void WriteRunOnceState(const std::string& path, const std::vector<std::string>& keys);
 
