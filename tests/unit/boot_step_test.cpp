@@ -30,7 +30,7 @@ RecordedOutcome Ended(std::size_t index, const std::string& name, const std::str
 // version, one that failed, one skipped at the prompt, and one plain plugin.
 BootRecordContents LastBoot(bool dryRun = false) {
   BootRecordContents record;
-  record.start.emplace();
+  record.start = BootRecordContents::Start{};
   record.start->settings.dryRun = dryRun;
   record.plugins = {Loaded(0, "firewall", {"json plugins"}, "firewall"),
                     Loaded(1, "40-firewall", {"firewall", "json plugins"}),
