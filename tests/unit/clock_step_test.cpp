@@ -96,7 +96,8 @@ TEST(ClockStep, ATimingLogNamesALineThatEndsBeforeItStarts) {
                                "timing line ends before it starts; the timing log has only wall-clock times, so its "
                                "time is unknown\n"))
       << report;
-  for (const nlohmann::json& plugin : ReportJson(analysis, 0)["plugins"]) EXPECT_GE(plugin["duration_us"], 0);
+  const nlohmann::json json = ReportJson(analysis, 0);
+  for (const nlohmann::json& plugin : json["plugins"]) EXPECT_GE(plugin["duration_us"], 0);
 
   Analysis before = AnalyzedText(Record(0, 0));
   Comparison comparison = Compare(before, analysis, Threshold());
