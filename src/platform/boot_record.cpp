@@ -19,6 +19,9 @@ namespace bootstrand {
 
 namespace {
 
+// Keys stay in the order written, "event" first.
+using Json = nlohmann::ordered_json;
+
 struct Record {
   UniqueFd file;
   std::string path;
@@ -41,14 +44,14 @@ void Fail(const std::string& what, int error) {
   record.file.Reset();
 }
 
-nlohmann::ordered_json Moment(const ClockReading& reading) {
+Json Moment(const ClockReading& reading) {
   return {{"wall_us", reading.wallMicroseconds}, {"boottime_us", reading.boottimeMicroseconds}};
 }
 
 // Names come from plugin files and may hold any bytes: what is not UTF-8 becomes
 // U+FFFD rather than an exception.
-std::string Line(const nlohmann::ordered_json& object) {
-  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+std::string Line(const Json& object) {
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 void Write(const std::string& text, bool durable) {
@@ -82,16 +85,16 @@ void BootRecord::Open(const RecordedRunSettings& settings, const std::vector<Rec
   if (!record.file.Valid()) return Fail("opening it", errno);
 
   std::optional<std::string> bootId = CurrentBootId();
-  nlohmann::ordered_json start = {{"event", "start"},
-                          {"version", BOOTSTRAND_VERSION},
-                          {"boot_id", bootId ? nlohmann::ordered_json(*bootId) : nlohmann::ordered_json(nullptr)},
-                          {"pid", static_cast<long long>(getpid())},
-                          {"dry_run", settings.dryRun},
-                          {"disabled", settings.disabled},
-                          {"worker_limit", settings.workerLimit ? nlohmann::ordered_json(*settings.workerLimit) : nullptr},
-                          {"preemptive_plugins_disabled", settings.preemptivePluginsDisabled},
-                          {"interactive", settings.interactive},
-                          {"at", Moment(at)}};
+  Json start = {{"event", "start"},
+                {"version", BOOTSTRAND_VERSION},
+                {"boot_id", bootId ? Json(*bootId) : Json(nullptr)},
+                {"pid", static_cast<long long>(getpid())},
+                {"dry_run", settings.dryRun},
+                {"disabled", settings.disabled},
+                {"worker_limit", settings.workerLimit ? Json(*settings.workerLimit) : nullptr},
+                {"preemptive_plugins_disabled", settings.preemptivePluginsDisabled},
+                {"interactive", settings.interactive},
+                {"at", Moment(at)}};
   std::string text = Line(start);
   for (const RecordedPlugin& plugin : plugins) {
     text += Line({{"event", "plugin"},
@@ -100,7 +103,7 @@ void BootRecord::Open(const RecordedRunSettings& settings, const std::vector<Rec
                   {"kind", plugin.kind},
                   {"provides", plugin.provides},
                   {"requires", plugin.requires_},
-                  {"run_once_key", plugin.runOnceKey ? nlohmann::ordered_json(*plugin.runOnceKey) : nullptr},
+                  {"run_once_key", plugin.runOnceKey ? Json(*plugin.runOnceKey) : nullptr},
                   {"preemptive", plugin.preemptive},
                   {"disabled", plugin.disabled}});
   }
@@ -115,12 +118,12 @@ bool BootRecord::IsOpen() { return TheRecord().file.Valid(); }
 
 void BootRecord::Outcome(const RecordedOutcome& outcome, bool durable) {
   if (!IsOpen()) return;
-  nlohmann::ordered_json line = {{"event", "outcome"},
-                         {"index", outcome.index},
-                         {"name", outcome.name},
-                         {"outcome", outcome.outcome},
-                         {"status", outcome.status ? nlohmann::ordered_json(*outcome.status) : nullptr},
-                         {"passed_over", outcome.passedOver}};
+  Json line = {{"event", "outcome"},
+               {"index", outcome.index},
+               {"name", outcome.name},
+               {"outcome", outcome.outcome},
+               {"status", outcome.status ? Json(*outcome.status) : nullptr},
+               {"passed_over", outcome.passedOver}};
   if (outcome.start) line["start"] = Moment(*outcome.start);
   if (outcome.end) line["end"] = Moment(*outcome.end);
   if (outcome.preemptedBy) line["preempted_by"] = *outcome.preemptedBy;
@@ -129,7 +132,7 @@ void BootRecord::Outcome(const RecordedOutcome& outcome, bool durable) {
 
 void BootRecord::End(const std::string& outcome, int status, const char* signal, const ClockReading& at) {
   if (!IsOpen()) return;
-  nlohmann::ordered_json line = {{"event", "end"}, {"outcome", outcome}, {"status", status}};
+  Json line = {{"event", "end"}, {"outcome", outcome}, {"status", status}};
   if (signal != nullptr) line["signal"] = signal;
   line["at"] = Moment(at);
   Write(Line(line), true);
