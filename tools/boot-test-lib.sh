@@ -206,7 +206,9 @@ boot_guest() {
 }
 
 # qemu_options FOLDER KERNEL INITRD KERNEL_ARGUMENTS [QEMU_ARGUMENT...]: the QEMU
-# options of boot_guest, but for the monitor, in the array qemu.
+# options of boot_guest, but for the monitor, in the array qemu. The kernel's console
+# is the first serial port unless guest_console says otherwise ("console=null", or
+# empty for none named).
 qemu_options() {
   local folder=$1 kernel=$2 initrd=$3 arguments=$4 accel=(-accel tcg)
   shift 4
@@ -214,7 +216,7 @@ qemu_options() {
   # panic=-1 with -no-reboot: a guest whose init dies ends QEMU instead of hanging.
   qemu=("${accel[@]}" -smp 2 -m 6G -nodefaults -no-reboot -display none
         -serial "file:$folder/console.log" -serial "file:$folder/report.log"
-        -kernel "$kernel" -initrd "$initrd" -append "console=ttyS0 panic=-1 $arguments" "$@")
+        -kernel "$kernel" -initrd "$initrd" -append "${guest_console-console=ttyS0} panic=-1 $arguments" "$@")
 }
 
 # cut_guest HOW WINDOW FOLDER KERNEL INITRD KERNEL_ARGUMENTS [QEMU_ARGUMENT...]: boots
