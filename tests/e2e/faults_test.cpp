@@ -165,6 +165,11 @@ const Fault kFaults[] = {
      {}, {"--name=after", "--name=other", "--name=victim", "SigBlk:\t0000000000000000", "SigIgn:\t0000000000000000"},
      {}, nullptr, nullptr, "trap '' HUP PIPE; exec \"$0\""},
     {"LogFolderIsAFile", "", {}, kAll, {}, [](const HostRoot& root) { Unusable(root, "/var/log"); }},
+    // A full disk under the plugin log loses the command's output, not the command.
+    {"PluginLogOnAFullDisk", "echo a line of output", {}, kAll, {},
+     [](const HostRoot& root) {
+       std::filesystem::create_symlink("/dev/full", root.Path("/var/log/bootstrand-cormcli-stdout.log"));
+     }},
     {"RunOnceMarkerIsAFolder", "", {}, kAll, {}, [](const HostRoot& root) { Unusable(root, "/.runonce", true); }},
     // Without a plugin suffix the kind of file does not matter.
     {"PipesNamedAsPlugins", "", {"--plugin", "victim.json,p.json,/q.so,/r,/dev/null"}, {"--name=victim"}, {},
