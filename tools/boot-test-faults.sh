@@ -5,7 +5,7 @@
 #   console-null        the kernel's console is the null console
 #   no-serial-console   no console named at all: none on a serial port
 #   clock               the guest's clock starts in 1970; a plugin sets it 2 h ahead,
-#                       another 3 h back
+#                       another 3 h back; the boot gets a hang-up (SIGHUP)
 #   flood               a plugin's command writes 100,000 lines to standard error
 #   stop                systemctl stop bootstrand while a slow plugin runs
 #   shutdown            a shutdown while the slow plugin runs
@@ -213,8 +213,16 @@ metrics_sane() {
     awk '{ if ($NF < 0 || $NF >= 3600) { print "out of bounds:", $0; bad = 1 } } END { exit bad }'
 }
 
+# The boot step and bootstrand got SIGHUP in 92-clock-forward, and the run completed.
+hang_up_survived() {
+  section hung-up | sed 's/^/hung up on: /'
+  section hung-up | grep -q ' boot$' && section hung-up | grep -q ' bootstrand$' &&
+    section record | grep -q '^{"event":"end","outcome":"completed","status":0,'
+}
+
 clock_checks() {
   check "$1: the unit is active with status 0" unit_succeeded
+  check "$1: a hang-up sent to the boot step and bootstrand in its run does not end the boot" hang_up_survived
   check "$1: the analyzer's activation and plugin durations are within 10 % of the monotonic truth" \
     durations_within_ten_percent
   check "$1: the analyzer names the +2 h step in 92-clock-forward and the -3 h step in 93-clock-back" steps_named
