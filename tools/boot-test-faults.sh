@@ -110,9 +110,6 @@ boot_faults() {
   done
 }
 
-# property_of SECTION NAME: the value of NAME=value in SECTION.
-property_of() { section "$1" | sed -n "s/^$2=//p"; }
-
 # How long bootstrand's run took in this boot, in milliseconds, by its record.
 run_ms() { section run-milliseconds; }
 
@@ -129,10 +126,6 @@ usual_time() {
   this=$(run_ms)
   echo "bootstrand ran $this ms; in the plain boot, $plain ms"
   [ "$this" -le $((2 * plain + 1000)) ]
-}
-
-lines_in_journal() {
-  same_lines "$(channel_lines ""; alert_lines "")" "$(journal_lines journal)"
 }
 
 console_checks() {
@@ -158,7 +151,7 @@ analyzed_durations() {
 # step, which starts bootstrand and waits for it).
 true_durations() {
   section truth | awk '{ printf "%s %d\n", $1, ($3 - $2) * 1000000 }'
-  awk '{ print "activation", $2 - $1 }' <<<"$(property_of service ExecMainStartTimestampMonotonic) $(property_of service ExecMainExitTimestampMonotonic)"
+  awk '{ print "activation", $2 - $1 }' <<<"$(property service ExecMainStartTimestampMonotonic) $(property service ExecMainExitTimestampMonotonic)"
 }
 
 # Joins the fault plugins' names to their measures (each measures itself under its
@@ -251,7 +244,7 @@ flood_checks() {
 
 # Seconds from the stop's request to the unit's end.
 stop_seconds() {
-  awk '{ printf "%.1f\n", $2 / 1000000 - $1 }' <<<"$(section stop-requested) $(property_of service InactiveEnterTimestampMonotonic)"
+  awk '{ printf "%.1f\n", $2 / 1000000 - $1 }' <<<"$(section stop-requested) $(property service InactiveEnterTimestampMonotonic)"
 }
 
 stopped_in_time() {

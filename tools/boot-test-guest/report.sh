@@ -23,3 +23,6 @@ record_milliseconds() {
   end=$(grep '^{"event":"end"' "$1" | sed -n 's/.*"boottime_us":\([0-9]*\).*/\1/p')
   echo $(((end - start) / 1000))
 }
+
+# The fault this boot plays: NAME of boottest.fault=NAME on the kernel command line.
+kernel_fault() { sed -n 's/.*boottest\.fault=\([a-z-]*\).*/\1/p' /proc/cmdline; }
